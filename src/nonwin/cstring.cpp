@@ -15,6 +15,8 @@
 #include <memory>
 #include <stdexcept>
 
+#include "nonwin/XVariant.h"
+
 namespace {
 
 // One open converter between two code pages, closed when destroyed.
@@ -76,6 +78,8 @@ LPCTSTR CString::RefuseNull(LPCTSTR szSrc) {
     if (!szSrc) throw std::logic_error("basic_string::_M_construct null not valid");
     return szSrc;
 }
+
+CString::CString(const XVariant& varSrc) { varSrc.ToStringA(*this, -1); }
 
 CString CString::Right(int nCount) const {
     const size_type nWanted = static_cast<size_type>(nCount);

@@ -11,6 +11,8 @@
 
 #include "VzDefine.h"
 
+class XVariant;
+
 // A byte string, normally GB2312 text: the standard string, which it derives from, with a small
 // interface of trimming, searching, tokenising and replacing over it.
 //
@@ -33,6 +35,9 @@ class CString : public std::string {
     CString(char c, size_t len) : std::string(len, c) {}
     // The GB2312 form of len UTF-16 units, as FromUtf16 makes it.
     CString(const unsigned short* szUtf16, size_t len) { FromUtf16(szUtf16, len); }
+    // The text form of a value: a text as it is, everything else as XVariant::ToStringA writes it
+    // with -1 digits, empty for types that have no text form.
+    explicit CString(const XVariant& varSrc);
 
     // The zero-terminated text; valid until the string changes.
     operator LPCTSTR() const { return c_str(); }
