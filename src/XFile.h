@@ -1,0 +1,58 @@
+// XFile: an unbuffered file on a descriptor.
+#pragma once
+
+#include "VzDefine.h"
+
+// One open file, or none. Every read and write is one system call.
+//
+// Files opened here are not inherited by programs the process starts.
+//
+// Ownership: owns its descriptor and closes it when destroyed. Never copied.
+// Threads:   one thread at a time.
+// Python:    none.
+class XFile {
+  public:
+    XFile() = default;
+    ~XFile() { Close(); }
+    XFile(const XFile&) = delete;
+    XFile& operator=(const XFile&) = delete;
+
+    // Opens szFile, a path in the file system's encoding (UTF-8), with the POSIX open flags; a file
+    // that O_CREAT makes gets mode 0600, less the umask. bWriteDirect is of no effect. False when
+    // the system refuses. True at once when a file is open already: that one stays open, whatever
+    // szFile says.
+    bool OpenA(LPCSTR szFile, int flags, bool bWriteDirect = false);
+    // The same for a path in GB2312.
+    bool OpenT(LPCSTR szFile, int flags, bool bWriteDirect = false);
+    // The same as OpenA.
+    bool Open(LPCTSTR szFile, int flags, bool bWriteDirect = false) {
+        return OpenA(szFile, flags, bWriteDirect);
+    }
+    bool IsOpen() const { return m_fh >= 0; }
+    // Nothing when no file is open.
+    void Close();
+
+    // One read or write of at most count bytes. Returns the bytes moved, which may be fewer; 0 at
+    // the end of the file; -1 on error, reason in errno.
+    int Read(void* buffer, unsigned int count);
+    int Write(const void* buffer, unsigned int count);
+
+    // The size in bytes, cut to 32 bits and in full. 0 when the system has no answer.
+    UINT GetFileSize() const;
+    __int64 GetFileSize64() const;
+    // Cuts the file to a size, or fills it up with zeros. Whether it worked is not told.
+    void SetFileSize(UINT dwSize);
+    void SetFileSize64(__int64 nSize);
+
+    // Moves the position by offset bytes from SEEK_SET, SEEK_CUR or SEEK_END. False when the system
+    // refuses; the position is then unchanged.
+    bool Seek(int offset, int origin);
+    bool Seek64(__int64 offset, int origin);
+    // The position, cut to 32 bits.
+    UINT GetCurPos() const;
+    // There is nothing to flush.
+    void Flush() {}
+
+  private:
+    int m_fh = -1;
+};
