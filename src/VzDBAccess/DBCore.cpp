@@ -1,0 +1,340 @@
+#include "VzDBAccess/DBCore.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "ByteCursor.h"
+#include "DownFile.h"
+#include "VzDBAccess/DBDriver.h"
+#include "VzDBAccess/DrvInfo.h"
+#include "VzDBAccess/Registry.h"
+
+namespace {
+
+constexpr useconds_t kConnectPauseUs = 6000;   // three of them in a connect
+constexpr size_t kLoginBytes = 256;            // login request and reply
+constexpr size_t kMaxCredentials = 253;        // user name and password together
+constexpr size_t kRightsAt = 5;                // offset of the rights word in the login reply
+constexpr size_t kMaxSingleName = 252;         // bytes of a name in a single lookup
+constexpr size_t kShortReply = 16;             // room for the reply of a single-tag request
+constexpr UINT kUnknownToServer = 0xFFFFFFFF;  // a time and size that no local file has
+
+// What a receive thread is given, and owns until it ends: its shares of core and session.
+struct SReceiveThread {
+    CDBCore* pCore;
+    std::shared_ptr<CDBSession> pSession;
+};
+
+void* RecvThread(void* pParam) {
+    SReceiveThread* pThread = static_cast<SReceiveThread*>(pParam);
+    // Given back also when the interpreter ends this thread inside a call, by unwinding its stack.
+    struct SLeave {
+        SReceiveThread* pThread;
+        ~SLeave() {
+            CDBCore* pCore = pThread->pCore;
+            delete pThread;
+            pCore->LetGo();
+            ReceiveThreadEnds();
+        }
+    } leave{pThread};
+    pThread->pCore->DoRecv(pThread->pSession);
+    return nullptr;
+}
+
+bool StartsWith(const CString& str, const char* szPrefix) {
+    return str.compare(0, std::strlen(szPrefix), szPrefix) == 0;
+}
+
+// A file of the project folder as the file system knows it (UTF-8).
+CString LocalPath(const CString& strPrjPath, LPCTSTR szFileName) {
+    CString strPath = strPrjPath;
+    strPath += szFileName;
+    return CT2UTF8(strPath);
+}
+
+// Size in bytes of a file of the project folder, -1 when there is none.
+int64_t LocalSize(const CString& strPrjPath, LPCTSTR szFileName) {
+    struct stat st;
+    return ::stat(LocalPath(strPrjPath, szFileName), &st) == 0 ? st.st_size : -1;
+}
+
+}  // namespace
+
+CDBCore::~CDBCore() {
+    // No thread and no script object is left. Drivers of a core that never got a session go here;
+    // those of a session went with it.
+    ClearDrivers();
+}
+
+void CDBCore::LetGo() {
+    if (--m_nShares == 0) delete this;
+}
+
+// ---- Connect ------------------------------------------------------------------------------------
+
+int CDBCore::_Connect(LPCTSTR szHost, const char* szUserName, const char* szPassword) {
+    if (ProcessIsEnding()) return kConnectFailed;
+    std::lock_guard<std::mutex> op(m_opLock);
+    EndSession(true);
+    int nResult = kConnectFailed;
+    try {
+        nResult = Login(szHost, szUserName, szPassword);
+    } catch (...) {
+        CloseSockets();
+        throw;
+    }
+    if (nResult != kConnected) CloseSockets();
+    return nResult;
+}
+
+int CDBCore::Login(LPCTSTR szHost, const char* szUserName, const char* szPassword) {
+    CString strPrjName;
+    CString strTitle;
+    CString strErr;
+    SNAckRegReq ackRegReq = {};
+    if (ConnectDB(szHost, strPrjName, strTitle, ackRegReq, true) != kLoggedIn) {
+        return kConnectFailed;
+    }
+    usleep(kConnectPauseUs);
+    if (strPrjName.IsEmpty()) return kConnectProtocol;
+    if (!AfterConnect(szHost, strPrjName, strErr)) return kConnectFailed;
+    usleep(kConnectPauseUs);
+
+    UINT nRights = 0;
+    const int nUser = CheckUser(szUserName, szPassword, nRights);
+    if (nUser != kConnected) return nUser;
+    if (!FetchDriverInfos(ackRegReq)) return kConnectFailed;
+    m_nRights = nRights;
+    return StartSession() ? kConnected : kConnectFailed;
+}
+
+// Login request: '9', user name and zero byte, password and zero byte. Reply: '9' or '0', four
+// bytes that mean nothing here, rights word (4). A reply that ends before the rights word gives
+// none.
+int CDBCore::CheckUser(const char* szUserName, const char* szPassword, UINT& nRights) {
+    const size_t nUser = std::strlen(szUserName);
+    const size_t nPassword = std::strlen(szPassword);
+    if (nUser > kMaxCredentials || nPassword > kMaxCredentials - nUser) return kConnectFailed;
+    BYTE request[kLoginBytes];
+    CByteWriter writer(request, sizeof request);
+    writer.WriteU8(kReqLogin);
+    writer.WriteText(szUserName, nUser);
+    writer.WriteText(szPassword, nPassword);
+    if (ReqSend(request, static_cast<int>(writer.Size())) <= 0) return kConnectFailed;
+
+    BYTE reply[kLoginBytes];
+    const int nReply = m_reqSock._Recv(reply, sizeof reply, 0);
+    if (nReply <= 0) return kConnectFailed;
+    usleep(kConnectPauseUs);
+    if (reply[0] == kRefused) return kConnectRefused;
+    if (reply[0] != kReqLogin) return kConnectProtocol;
+    CByteReader reader(reply, static_cast<size_t>(nReply));
+    reader.Take(kRightsAt);
+    nRights = reader.ReadU32();
+    return kConnected;
+}
+
+bool CDBCore::FetchDriverInfos(const SNAckRegReq& ackRegReq) {
+    const SNFileInfo info = {ntohl(ackRegReq.dif_time), ntohl(ackRegReq.dif_size)};
+    std::map<CString, SNFileInfo> mapFileInfos;
+    mapFileInfos[CString("recdata/drvinfo.dat")] = info;
+    const EGetFile eHow = SyncPrjFile(kDrvInfoFile, mapFileInfos);
+    if (eHow == EGetFile::kFailed) return false;
+    // A file that cannot be written counts as not needed. What stands there then may be half of a
+    // transfer that broke off, and is loaded only when it has the server's size.
+    if (eHow == EGetFile::kNotWritten && LocalSize(m_strPrjPath, kDrvInfoFile) != info.size) {
+        return true;
+    }
+    LoadPrjDrvInfo(m_strPrjPath, m_mapDrvInfos);
+    return true;
+}
+
+bool CDBCore::StartSession() {
+    const SOCKET hReceive = fcntl(m_rcvSock, F_DUPFD_CLOEXEC, 0);
+    if (hReceive < 0) return false;
+    std::shared_ptr<CDBSession> pSession = std::make_shared<CDBSession>(hReceive);
+    size_t nDrivers = m_mapDrvInfos.size();
+    for (const auto& entry : m_mapDrvInfos)
+        nDrivers = std::max(nDrivers, entry.second.id + size_t{1});
+    std::unique_ptr<SReceiveThread> pThread(new SReceiveThread{this, pSession});
+    {
+        std::lock_guard<std::mutex> data(m_dataLock);
+        m_pDrivers.resize(nDrivers);
+        m_exitThreadEvent.Create();
+        m_pSession = pSession;
+        m_bConnect = true;
+    }
+    Hold();
+    ReceiveThreadStarts();
+    if (vzthread_create(RecvThread, pThread.get()) == 0) {
+        pThread.release();
+        return true;
+    }
+    ReceiveThreadEnds();
+    --m_nShares;
+    pSession->End();
+    TearDown(pSession);
+    return false;
+}
+
+// ---- Endings ------------------------------------------------------------------------------------
+
+void CDBCore::_Disconnect() {
+    std::lock_guard<std::mutex> op(m_opLock);
+    EndSession(true);
+}
+
+void CDBCore::EndWithoutWaiting() {
+    std::lock_guard<std::mutex> op(m_opLock);
+    EndSession(false);
+}
+
+void CDBCore::EndSession(bool bWait) {
+    const std::shared_ptr<CDBSession> pSession = m_pSession;
+    if (!pSession) return;
+    const bool bMine = pSession->End();
+    m_rcvSock.ShutDown();  // makes the thread's receive return; it reads a descriptor of its own
+    CloseSockets();
+    // A thread that found the connection lost needs no waiting for, one that is parked may be
+    // waiting for the interpreter lock that we hold, or be running the very callback that ends the
+    // session.
+    if (bMine && bWait && !pSession->Parked()) m_exitThreadEvent.Wait(kEndWaitMs);
+    TearDown(pSession);
+}
+
+void CDBCore::CloseSockets() {
+    m_rcvSock.Close();
+    m_reqSock.Close();
+}
+
+void CDBCore::TearDown(const std::shared_ptr<CDBSession>& pSession) {
+    if (m_pSession != pSession) return;  // whoever came first did it
+    CloseSockets();
+    ClearDrivers();
+    std::lock_guard<std::mutex> data(m_dataLock);
+    m_bConnect = false;
+    m_exitThreadEvent.Close();
+    m_pSession.reset();
+}
+
+void CDBCore::ClearDrivers() {
+    std::vector<std::unique_ptr<CDBDriver>> drivers;
+    for (auto& entry : m_mapDrvInfos)
+        drivers.emplace_back(std::exchange(entry.second.pDriver, nullptr));
+    m_mapDrvInfos.clear();
+    std::lock_guard<std::mutex> data(m_dataLock);
+    std::fill(m_pDrivers.begin(), m_pDrivers.end(), nullptr);
+    // The receive thread may be using one of them: they live as long as it knows the session.
+    if (m_pSession) m_pSession->Retire(std::move(drivers));
+}
+
+void CDBCore::SignalExit(const CDBSession* pSession) {
+    std::lock_guard<std::mutex> data(m_dataLock);
+    if (m_pSession.get() == pSession) m_exitThreadEvent.Signal();
+}
+
+void CDBCore::LockForFork() {
+    m_opLock.lock();
+    m_dataLock.lock();
+}
+
+void CDBCore::UnlockAfterFork() {
+    m_dataLock.unlock();
+    m_opLock.unlock();
+}
+
+void CDBCore::ForkedChild() {
+    if (!m_pSession) return;
+    m_pSession->ForkedChild();
+    m_bConnect = false;
+    CloseSockets();
+}
+
+// ---- Drivers and files --------------------------------------------------------------------------
+
+CDBDriver* CDBCore::_GetDriver(LPCTSTR szDrvName, std::shared_ptr<CDBSession>* pSession) {
+    std::lock_guard<std::mutex> op(m_opLock);
+    if (!Serves(m_pSession.get())) return nullptr;
+    const auto it = m_mapDrvInfos.find(CString(szDrvName));
+    if (it == m_mapDrvInfos.end()) return nullptr;
+    SNDrvInfoEx& info = it->second;
+    if (!info.pDriver) {
+        auto pDriver = std::make_unique<CDBDriver>(this, m_pSession.get(), info.id, it->first);
+        pDriver->SetTagCount(info.tagNum);
+        std::lock_guard<std::mutex> data(m_dataLock);
+        m_pDrivers[info.id] = pDriver.get();
+        info.pDriver = pDriver.release();
+    }
+    if (pSession) *pSession = m_pSession;
+    return info.pDriver;
+}
+
+BOOL CDBCore::GetPrjFile(LPCTSTR szFileName, std::map<CString, SNFileInfo>& mapFileInfos) {
+    return SyncPrjFile(szFileName, mapFileInfos) != EGetFile::kFailed;
+}
+
+EGetFile CDBCore::SyncPrjFile(LPCTSTR szFileName,
+                              const std::map<CString, SNFileInfo>& mapFileInfos) {
+    if (m_bLocalDB) return EGetFile::kKept;  // files are read where the server keeps them
+    CString strFileName(szFileName);
+    strFileName.MakeLower();
+    const auto it = mapFileInfos.find(strFileName);
+    if (it != mapFileInfos.end()) {
+        return TransferFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, it->second.time,
+                            it->second.size, nullptr, nullptr);
+    }
+    if (StartsWith(strFileName, "media/") || StartsWith(strFileName, "recdata/") ||
+        StartsWith(strFileName, "syscfg/")) {
+        return TransferFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, kUnknownToServer,
+                            kUnknownToServer, nullptr, nullptr);
+    }
+    ::remove(LocalPath(m_strPrjPath, szFileName));
+    return EGetFile::kRemoved;
+}
+
+// ---- Requests -----------------------------------------------------------------------------------
+
+BOOL CDBCore::RequestAll(const char* szReq, size_t nReqLen, size_t needLen, char* buf) {
+    return m_reqSock.SendAll(szReq, static_cast<int>(nReqLen), 0) &&
+           m_reqSock.RecvAll(buf, static_cast<int>(needLen), 0);
+}
+
+// Single lookup: 'L', driver id (2), name and zero byte. Reply: 'L', tag id (2), more is not read.
+BOOL CDBCore::GetTagId(WORD drvId, LPCTSTR tagName, WORD* pTagId) {
+    const size_t nName = std::strlen(tagName);
+    if (!m_bConnect || nName > kMaxSingleName) return FALSE;
+    BYTE request[1 + 2 + kMaxSingleName + 1];
+    CByteWriter writer(request, sizeof request);
+    writer.WriteU8(kReqTagId);
+    writer.WriteU16(drvId);
+    writer.WriteText(tagName, nName);
+    if (m_reqSock._Send(request, static_cast<int>(writer.Size()), 0) <= 0) return FALSE;
+
+    BYTE reply[kShortReply];
+    const int nReply = m_reqSock._Recv(reply, sizeof reply, 0);
+    if (nReply < 3 || reply[0] != kReqTagId) return FALSE;
+    CByteReader reader(reply, static_cast<size_t>(nReply));
+    reader.Take(1);
+    *pTagId = reader.ReadU16();
+    return TRUE;
+}
+
+// Unadvise: 'd', id (4). Reply: 'd' when it was done.
+BOOL CDBCore::UnadviseTag(long id) {
+    BYTE request[5];
+    CByteWriter writer(request, sizeof request);
+    writer.WriteU8(kReqUnadvise);
+    writer.WriteU32(static_cast<DWORD>(id));
+    if (m_reqSock._Send(request, sizeof request, 0) <= 0) return FALSE;
+    BYTE reply[kShortReply];
+    return m_reqSock._Recv(reply, sizeof reply, 0) > 0 && reply[0] == kReqUnadvise;
+}

@@ -1,0 +1,129 @@
+// One driver of a session: its tags, their identifiers and their values.
+#pragma once
+
+#include <Python.h>
+
+#include <atomic>
+#include <list>
+#include <map>
+#include <vector>
+
+#include "VzDBAccess/DBSession.h"
+#include "VzDBAccess/NotifyCall.h"
+#include "VzDefine.h"
+#include "nonwin/XVariant.h"
+#include "nonwin/cstring.h"
+
+class CDBCore;
+class CByteWriter;
+
+// The id of a name that did not resolve, and the result of a change that cannot be used.
+constexpr WORD kNoTagId = 0xFFFF;
+
+// Results of SetTagValue.
+constexpr int kWriteDone = 0;
+constexpr int kWriteForbidden = -1;    // the user may not write
+constexpr int kWriteFailed = -2;       // names not resolved, or the request not sent
+constexpr int kWriteUnencodable = -3;  // a value that cannot be encoded, or does not fit
+
+// Bytes of a write request.
+constexpr size_t kMaxWriteBytes = 2048;
+
+// Ownership: owned by the core's driver map; after the session's end by the session.
+// Threads:   script threads, one at a time, except OnDBNotify: receive thread only. _ConnectTag,
+//            GetTagValue and SetTagValue take the core's operation lock, CheckTagId and
+//            _GetTagValue expect it held. A record's value and name are written and copied under
+//            the core's data lock; the table itself never changes its size after SetTagCount.
+// Python:    the callable is borrowed. GetTagValue, SetTagValue, ValueToObj and ObjToBuf need the
+//            interpreter lock; no interpreter object is made while a lock of the core is held.
+class CDBDriver {
+  public:
+    // A tag's record. Its id is always its index.
+    struct STag {
+        XVariant value;  // last known value; guarded by the core's data lock
+        CString strTag;  // the name it was last resolved by; guarded by the data lock
+        WORD id = 0;
+        bool bSubscribe = false;  // then value is kept current and reads do not ask the server
+    };
+
+    // pDBCore and pSession outlive the driver's use; strDriver: GB2312.
+    CDBDriver(CDBCore* pDBCore, const CDBSession* pSession, WORD drvId, const CString& strDriver)
+        : m_drvId(drvId), m_strDriver(strDriver), m_pDBCore(pDBCore), m_pSession(pSession) {}
+    CDBDriver(const CDBDriver&) = delete;
+    CDBDriver& operator=(const CDBDriver&) = delete;
+
+    // Sizes the tag table. Once, before anyone else sees the driver.
+    void SetTagCount(DWORD dwCount);
+    size_t TagCount() const { return m_tags.size(); }
+
+    // Stores the callback of tag changes if none is stored yet; the first one stays for good.
+    void SetCBFunc(PyObject* cbFunc);
+
+    // The id of one name (GB2312), from the cache or the server; kNoTagId when it did not resolve,
+    // which is cached too.
+    WORD GetTagId(LPCTSTR tagName);
+
+    // Resolves a comma-separated list of names (GB2312): appends to reqTags one entry per name,
+    // null for one that did not resolve. Cached names are appended when they are met, others when
+    // their batch is answered, so a mixed list comes back in another order; deliberate. False when
+    // an exchange with the server failed; what was appended and cached before stays.
+    bool CheckTagId(LPCTSTR tags, std::vector<STag*>& reqTags);
+
+    // Subscribes the named tags that are not subscribed yet, at most 519 of them, and stores their
+    // values. False when an exchange failed; what was stored before stays.
+    bool _ConnectTag(LPCTSTR tags);
+
+    // Resolves the names and reads those that are not subscribed, at most 1023 of them, from the
+    // server. False when an exchange failed.
+    bool _GetTagValue(LPCTSTR tags, std::vector<STag*>& reqTags);
+
+    // The script's read. One name: the value's object, null without an error when its type has
+    // none, None when the name is unknown. Several: a list in the order of CheckTagId, whose slots
+    // of unknown names are empty. None when an exchange failed or there is no name. New reference;
+    // null with an error set when memory ran out.
+    PyObject* GetTagValue(LPCTSTR tags);
+
+    // The script's write: one name takes a value, several take a list. Returns kWriteDone and the
+    // failures above. A Python error may be set besides: OverflowError, when an int outside 32 bits
+    // was encoded as -1.
+    int SetTagValue(LPCTSTR tags, PyObject* tagValues);
+
+    // A changed value came: nLen bytes at pBuf, without type code. Stores it and, when a callback
+    // is set, fills call. Returns the bytes consumed, or 0xFFFF, with the record unchanged. The
+    // core's data lock is held.
+    int OnDBNotify(DWORD tagId, const BYTE* pBuf, size_t nLen, CNotifyCall& call);
+
+    // The script object of a value: int, float, bool or str. Text is taken as UTF-8. Null without
+    // an error for a type that has none. New reference.
+    static PyObject* ValueToObj(const XVariant* pValue);
+
+    // Encodes a script object with its type code at offset len of buf, which has kMaxWriteBytes,
+    // and advances len. str, bool, int and float and their subclasses can be encoded (bool has
+    // none). False, with buf and len untouched and no error set, when it cannot be encoded or does
+    // not fit. An int outside 32 bits is encoded as -1 and sets OverflowError.
+    static bool ObjToBuf(PyObject* objValue, BYTE* buf, UINT& len);
+
+    std::atomic<PyObject*> m_tagNotifyFn{nullptr};  // borrowed
+    WORD m_drvId;
+    CString m_strDriver;
+    std::vector<STag> m_tags;
+    // Names that were asked. Deliberate: those that did not resolve too, so they are asked once.
+    std::map<CString, WORD> m_mapTagToId;
+    CDBCore* m_pDBCore;
+
+  private:
+    struct SEncoded;
+
+    STag* RecordOf(WORD nId) { return nId < m_tags.size() ? &m_tags[nId] : nullptr; }
+    void NameRecord(STag& tag, const CString& strName);
+    bool ReqBatchGetPoss(std::list<CString>& curTags, const char* szSend, size_t nLen,
+                         std::vector<STag*>& reqTags);
+    bool ReadSubscribed(const std::vector<STag*>& asked);
+    bool ReadAsked(const std::vector<STag*>& asked);
+    bool StoreValues(const BYTE* pChunk, size_t nChunk, const std::vector<STag*>& asked,
+                     size_t& nNext, bool bSubscribe);
+    bool CopyValues(LPCTSTR tags, std::vector<XVariant>& values, std::vector<bool>& known);
+    int WriteValues(LPCTSTR tags, const SEncoded& values, bool& bOverflow);
+
+    const CDBSession* m_pSession;
+};

@@ -1,0 +1,52 @@
+// The driver information file of a project.
+#pragma once
+
+#include <fcntl.h>
+
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "ByteCursor.h"
+#include "XFile.h"
+#include "nonwin/cstring.h"
+#include "vzcommondef.h"
+
+constexpr char kDrvInfoFile[] = "RecData/drvinfo.dat";
+constexpr UINT kMinDrvInfoBytes = 5;
+// No project's driver file comes near this; a larger one is not read into memory.
+constexpr UINT kMaxDrvInfoBytes = 64u << 20;
+
+// Adds the records of a driver information file to the map. Record: name (GB2312) and its zero
+// byte, id (2), tag count (2), without alignment. A later record replaces an earlier one of the
+// same name. A fragment at the end, also a name without its zero byte, is no record. T: SNDrvInfo
+// or a record derived from it.
+template <typename T>
+void ParseDrvInfo(const BYTE* pData, size_t nSize, std::map<CString, T>& mapDrvInfos) {
+    CByteReader reader(pData, nSize);
+    for (;;) {
+        size_t nName = 0;
+        const char* szName = reader.TakeText(nName);
+        T info;
+        info.id = reader.ReadU16();
+        info.tagNum = reader.ReadU16();
+        if (reader.Failed()) return;
+        mapDrvInfos[CString(std::string(szName, nName))] = info;
+    }
+}
+
+// Adds the drivers of RecData/drvinfo.dat to the map. strPrjPath: project folder, GB2312, with its
+// "/". A file that is missing or below kMinDrvInfoBytes changes nothing.
+template <typename T>
+void LoadPrjDrvInfo(const CString& strPrjPath, std::map<CString, T>& mapDrvInfos) {
+    CString strFilePath = strPrjPath;
+    strFilePath += kDrvInfoFile;
+    XFile file;
+    if (!file.OpenT(strFilePath, O_RDONLY, false)) return;
+    const UINT dwSize = file.GetFileSize();
+    if (dwSize < kMinDrvInfoBytes || dwSize > kMaxDrvInfoBytes) return;
+    std::vector<BYTE> data(dwSize);
+    const int nRead = file.Read(data.data(), dwSize);
+    if (nRead > 0) ParseDrvInfo(data.data(), static_cast<size_t>(nRead), mapDrvInfos);
+}

@@ -1,0 +1,125 @@
+#include "VzDBAccess/NotifyCall.h"
+
+#include <datetime.h>
+
+#include <ctime>
+
+#include "VzDBAccess/DBDriver.h"
+
+namespace {
+
+// Naive local datetime of seconds since 1970 UTC. New reference, or null with an error set.
+PyObject* LocalDateTime(UINT nSeconds) {
+    const time_t t = static_cast<time_t>(nSeconds);
+    struct tm tmLocal;
+    if (!localtime_r(&t, &tmLocal)) {
+        PyErr_SetString(PyExc_ValueError, "alarm time has no local form");
+        return nullptr;
+    }
+    return PyDateTimeAPI->DateTime_FromDateAndTime(
+        tmLocal.tm_year + 1900, tmLocal.tm_mon + 1, tmLocal.tm_mday, tmLocal.tm_hour,
+        tmLocal.tm_min, tmLocal.tm_sec, 0, Py_None, PyDateTimeAPI->DateTimeType);
+}
+
+// The list's text at nIndex as a str, "???" beyond its end.
+PyObject* ListText(const std::vector<CString>& list, WORD nIndex) {
+    return nIndex < list.size() ? TextToObj(list[nIndex]) : PyUnicode_FromString("???");
+}
+
+// The arguments of an alarm's call. Takes over the five objects, null ones too. Null with an error
+// set when one is missing.
+PyObject* AlarmArgs(const S2RtAlarm2& alarm, PyObject* almtm, PyObject* evttm, PyObject* tag,
+                    PyObject* type, PyObject* group) {
+    PyObject* args = nullptr;
+    if (almtm && evttm && tag && type && group) {
+        args = Py_BuildValue("(OOOiOOiddi)", almtm, evttm, tag, alarm.evttm != 0 ? 1 : 0, type,
+                             group, static_cast<int>(alarm.level), alarm.value, alarm.limit,
+                             static_cast<int>(alarm.status));
+    }
+    Py_XDECREF(almtm);
+    Py_XDECREF(evttm);
+    Py_XDECREF(tag);
+    Py_XDECREF(type);
+    Py_XDECREF(group);
+    return args;
+}
+
+}  // namespace
+
+// Alarm record, 32 bytes: almtm u32, evttm u32, tid u16, type u16, grp u16, level u8, status u8,
+// value f64, limit f64.
+bool DecodeAlarm(CByteReader& reader, S2RtAlarm2& alarm) {
+    alarm.almtm = reader.ReadU32();
+    alarm.evttm = reader.ReadU32();
+    alarm.tid = reader.ReadU16();
+    alarm.type = reader.ReadU16();
+    alarm.grp = reader.ReadU16();
+    alarm.level = reader.ReadU8();
+    alarm.status = reader.ReadU8();
+    alarm.value = reader.ReadF64();
+    alarm.limit = reader.ReadF64();
+    return !reader.Failed();
+}
+
+PyObject* TextToObj(const CString& strUtf8) {
+    return PyUnicode_DecodeUTF8(strUtf8.data(), static_cast<Py_ssize_t>(strUtf8.size()), "replace");
+}
+
+void CallAndReport(PyObject* fn, PyObject* args) {
+    Py_INCREF(fn);  // the call itself may drop the script's last reference
+    PyObject* result = args ? PyObject_CallObject(fn, args) : nullptr;
+    if (!result) PyErr_WriteUnraisable(fn);
+    Py_XDECREF(args);
+    Py_XDECREF(result);
+    Py_DECREF(fn);
+}
+
+bool LoadDateTime() {
+    if (!PyDateTimeAPI) PyDateTime_IMPORT;
+    return PyDateTimeAPI != nullptr;
+}
+
+void FireRtAlarm(PyObject* rtAlarmNotifyFn, const S2RtAlarm2* pRA,
+                 const std::vector<CString>& textList, const std::vector<CString>& tagList) {
+    PyObject* almtm = LocalDateTime(pRA->almtm);
+    PyObject* evttm = almtm ? LocalDateTime(pRA->evttm ? pRA->evttm : pRA->almtm) : nullptr;
+    PyObject* tag = evttm ? ListText(tagList, pRA->tid) : nullptr;
+    PyObject* type = tag ? ListText(textList, pRA->type) : nullptr;
+    PyObject* group = type ? ListText(textList, pRA->grp) : nullptr;
+    CallAndReport(rtAlarmNotifyFn, AlarmArgs(*pRA, almtm, evttm, tag, type, group));
+}
+
+void CNotifyCall::SetTagChange(PyObject* fn, const CString& strDriver, const CString& strTag,
+                               const XVariant& value) {
+    ToUtf8(strDriver, m_strDriver, 0);
+    ToUtf8(strTag, m_strTag, 0);
+    m_value = value;
+    m_fn = fn;
+    m_nKind = EKind::kTagChange;
+}
+
+void CNotifyCall::SetAlarm(PyObject* fn, const S2RtAlarm2& alarm,
+                           const std::vector<CString>& textList,
+                           const std::vector<CString>& tagList) {
+    m_alarm = alarm;
+    m_pTextList = &textList;
+    m_pTagList = &tagList;
+    m_fn = fn;
+    m_nKind = EKind::kAlarm;
+}
+
+void CNotifyCall::MakeCall() {
+    if (m_nKind == EKind::kAlarm) {
+        FireRtAlarm(m_fn, &m_alarm, *m_pTextList, *m_pTagList);
+        return;
+    }
+    PyObject* value = CDBDriver::ValueToObj(&m_value);
+    if (!value && !PyErr_Occurred()) return;  // a type without a script object: nothing to tell
+    PyObject* driver = value ? TextToObj(m_strDriver) : nullptr;
+    PyObject* tag = driver ? TextToObj(m_strTag) : nullptr;
+    PyObject* args = tag ? PyTuple_Pack(3, driver, tag, value) : nullptr;
+    Py_XDECREF(value);
+    Py_XDECREF(driver);
+    Py_XDECREF(tag);
+    CallAndReport(m_fn, args);
+}

@@ -1,0 +1,72 @@
+// What a notification frame asks the script to be called for, and the call itself.
+#pragma once
+
+#include <Python.h>
+
+#include <vector>
+
+#include "ByteCursor.h"
+#include "nonwin/XVariant.h"
+#include "nonwin/cstring.h"
+#include "vznetdef.h"
+
+// One call of a script function, filled from a frame without the interpreter lock and made with it.
+// Reused from frame to frame.
+//
+// Ownership: owns its texts and value; the callable is borrowed.
+// Threads:   receive thread only.
+// Python:    MakeCall needs the interpreter lock, everything else, the destructor too, does not.
+class CNotifyCall {
+  public:
+    CNotifyCall() = default;
+    CNotifyCall(const CNotifyCall&) = delete;
+    CNotifyCall& operator=(const CNotifyCall&) = delete;
+
+    void Clear() { m_nKind = EKind::kNone; }
+    bool Wanted() const { return m_nKind != EKind::kNone; }
+
+    // A tag has a new value. Names are GB2312.
+    void SetTagChange(PyObject* fn, const CString& strDriver, const CString& strTag,
+                      const XVariant& value);
+    // An alarm came. The lists are the core's and must not change from now on.
+    void SetAlarm(PyObject* fn, const S2RtAlarm2& alarm, const std::vector<CString>& textList,
+                  const std::vector<CString>& tagList);
+
+    // Calls the function. What it returns is released; what it raises goes to sys.unraisablehook.
+    // Counts references by hand and owns nothing: the interpreter may end the calling thread here.
+    void MakeCall();
+
+  private:
+    enum class EKind { kNone, kTagChange, kAlarm };
+
+    EKind m_nKind = EKind::kNone;
+    PyObject* m_fn = nullptr;
+    CString m_strDriver;  // UTF-8
+    CString m_strTag;     // UTF-8
+    XVariant m_value;
+    S2RtAlarm2 m_alarm = {};
+    const std::vector<CString>* m_pTextList = nullptr;
+    const std::vector<CString>* m_pTagList = nullptr;
+};
+
+// Takes a 32-byte alarm record from the reader. False when it is cut.
+bool DecodeAlarm(CByteReader& reader, S2RtAlarm2& alarm);
+
+// A str of text that should be UTF-8; what is not becomes replacement characters. New reference, or
+// null with MemoryError set. Needs the interpreter lock.
+PyObject* TextToObj(const CString& strUtf8);
+
+// Calls fn with args, which it releases; null args are an error already set. Needs the interpreter
+// lock. Results are released, errors reported through sys.unraisablehook.
+void CallAndReport(PyObject* fn, PyObject* args);
+
+// Loads the interpreter's datetime interface; false with an error set when it cannot be had. Needs
+// the interpreter lock. Called by the alarm subscription, before any FireRtAlarm.
+bool LoadDateTime();
+
+// Calls fn once with the ten arguments of an alarm: alarm time and event time (naive local
+// datetimes; the alarm time twice when there is no event time), tag name, 1 when there is an event
+// time else 0, kind, group, level, value, limit, status. A text that its list does not hold is
+// "???". Needs the interpreter lock.
+void FireRtAlarm(PyObject* rtAlarmNotifyFn, const S2RtAlarm2* pRA,
+                 const std::vector<CString>& textList, const std::vector<CString>& tagList);
