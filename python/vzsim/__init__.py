@@ -1,0 +1,18 @@
+"""A plant simulator: serves a described plant to real-time database clients over TCP.
+
+``python3 -m vzsim boiler_house --port 8080`` runs the packaged boiler house. Tests use
+``SimProcess`` (a process of its own) or ``Simulator`` (a thread of this process)::
+
+    from vzsim import SimProcess
+
+    with SimProcess("boiler_house") as sim:
+        sim.fault("H", "delay", seconds=0.5)
+        print(sim.port, sim.get_value("Boiler", "Steam pressure"))
+"""
+
+from .operations import Operations
+from .plantfile import PlantError
+from .process import SimProcess
+from .simulator import Simulator
+
+__all__ = ["Operations", "PlantError", "SimProcess", "Simulator"]
