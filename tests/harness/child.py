@@ -1,0 +1,55 @@
+"""The child's end of harness/script.py: runs code from standard input, one JSON text a line."""
+
+import gc
+import json
+import os
+import sys
+import threading
+import time
+
+import VzDBAccess
+
+
+def slots(values):
+    """Length of a list, and the objects in it: an empty slot is never touched."""
+    return len(values), gc.get_referents(values)
+
+
+def descriptors():
+    """Open descriptors of this process, but for the one that lists them."""
+    return len(os.listdir("/proc/self/fd")) - 1
+
+
+def threads():
+    """Threads of this process, the interpreter's and others."""
+    return len(os.listdir("/proc/self/task"))
+
+
+def _run(code, names):
+    try:
+        body = compile(code, "<script>", "eval")
+    except SyntaxError:
+        exec(compile(code, "<script>", "exec"), names)
+        return None
+    return eval(body, names)
+
+
+def main():
+    # Results have the real standard output to themselves; what the script prints goes to error.
+    results = os.fdopen(os.dup(1), "w")
+    os.dup2(2, 1)
+    names = {"VzDBAccess": VzDBAccess, "os": os, "sys": sys, "time": time, "gc": gc,
+             "threading": threading, "slots": slots, "descriptors": descriptors,
+             "threads": threads}
+    for line in sys.stdin:
+        try:
+            answer = {"value": ascii(_run(json.loads(line), names))}
+        except BaseException as error:
+            answer = {"error": [type(error).__name__, str(error)]}
+        results.write(json.dumps(answer) + "\n")
+        results.flush()
+    # The script's own objects outlive this function, as a script's globals do.
+    sys.modules["__main__"].__dict__.update(names)
+
+
+main()

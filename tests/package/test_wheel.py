@@ -1,0 +1,52 @@
+"""The wheel, built and installed as a user would."""
+
+import os
+import subprocess
+import sys
+
+import pytest
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+
+SMOKE = """
+import os, sys
+import VzDBAccess
+from vzsim import SimProcess
+folder = os.path.dirname(VzDBAccess.__file__)
+assert folder.startswith(sys.prefix), folder
+assert os.path.exists(os.path.join(folder, "VzDBAccess.pyi"))
+with SimProcess("boiler_house") as plant:
+    db = VzDBAccess.DBCore()
+    assert db.Connect("127.0.0.1:%d" % plant.port, "operator", "password") == 0
+    drv = db.GetDriver("Boiler")
+    assert drv.SetTagValue("Operator note", "hello") == 0
+    assert drv.GetTagValue("Operator note") == "hello"
+print("fine")
+"""
+
+
+@pytest.fixture(scope="module")
+def venv(tmp_path_factory):
+    """The bin folder of a virtual environment with the wheel in it."""
+    folder = tmp_path_factory.mktemp("venv")
+    subprocess.run([sys.executable, "-m", "venv", "--system-site-packages", str(folder)],
+                   check=True)
+    install = subprocess.run(
+        [str(folder / "bin" / "pip"), "install", "--quiet", "--no-index", "--no-build-isolation",
+         "--disable-pip-version-check", ROOT],
+        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8")
+    assert install.returncode == 0, install.stdout
+    return folder / "bin"
+
+
+def test_the_installed_module_works_with_the_installed_simulator(venv, tmp_path):
+    done = subprocess.run([str(venv / "python"), "-c", SMOKE], cwd=str(tmp_path),
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8")
+    assert (done.returncode, done.stdout, done.stderr) == (0, "fine\n", "")
+
+
+def test_the_simulator_has_a_command(venv, tmp_path):
+    done = subprocess.run([str(venv / "vzsim"), "--help"], cwd=str(tmp_path),
+                          stdout=subprocess.PIPE, encoding="utf-8")
+    assert done.returncode == 0
+    assert "simulated plant" in done.stdout
