@@ -13,13 +13,12 @@ struct SNFileInfo {
 
 // A driver of the project as its file record gives it: two little-endian 16-bit fields.
 struct SNDrvInfo {
-    WORD id;      // identifier on the wire, and index into the driver table
-    WORD tagNum;  // number of tags
+    WORD id = 0;      // identifier on the wire, and index into the driver table
+    WORD tagNum = 0;  // number of tags
 };
 static_assert(sizeof(SNDrvInfo) == 4);
 
 // A driver table entry: the file's facts and the driver object made of them on demand.
 struct SNDrvInfoEx : SNDrvInfo {
-    SNDrvInfoEx() : SNDrvInfo{0, 0}, pDriver(nullptr) {}
-    CDBDriver* pDriver;  // owned by the map that holds this entry, which frees it in ClearDrivers
+    CDBDriver* pDriver = nullptr;  // owned by the map of this entry, which frees it in ClearDrivers
 };

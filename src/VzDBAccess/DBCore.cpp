@@ -176,7 +176,7 @@ bool CDBCore::StartSession() {
     Hold();
     ReceiveThreadStarts();
     if (vzthread_create(RecvThread, pThread.get()) == 0) {
-        pThread.release();
+        (void)pThread.release();  // the thread's from here on
         return true;
     }
     ReceiveThreadEnds();
