@@ -46,7 +46,7 @@ class XVariant {
         alignas(8) int64_t llVal = 0;
     };
 
-    XVariant() = default;
+    XVariant() {}  // not defaulted: clang would then refuse `const XVariant value;`
     ~XVariant() { Clear(); }
 
     // Carries all 8 payload bytes of codes it does not know, unlike the assignment.
