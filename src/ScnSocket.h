@@ -39,6 +39,6 @@ class CReqTimeSock : public CScnSocket {
     // construction before the first.
     time_t GetLastReqTime() const { return m_lastReqTime; }
 
-  private:
+  protected:
     time_t m_lastReqTime;
 };
