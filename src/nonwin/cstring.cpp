@@ -30,7 +30,9 @@ class CConverter {
     CConverter& operator=(const CConverter&) = delete;
 
     // False when the system has no such converter; errno says why.
-    bool IsOpen() const { return m_cd != reinterpret_cast<iconv_t>(-1); }
+    bool IsOpen() const {
+        return m_cd != reinterpret_cast<iconv_t>(-1);  // NOLINT(performance-no-int-to-ptr)
+    }
 
     // Converts nIn bytes in one call to pOut, which has room for nLeft bytes; nLeft becomes the
     // room that is left. False with errno set when the input is not used up: what was converted

@@ -802,7 +802,7 @@ TEST(ThreadCreate, ReturnsTheErrorAndKeepsTheMaskWhenNoThreadStarts) {
     ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
     ASSERT_EQ(pthread_getattr_default_np(&huge), 0);
     // A stack that fits in no address space.
-    ASSERT_EQ(pthread_attr_setstacksize(&huge, SIZE_MAX / 4), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&huge, SIZE_MAX / 8 * 7), 0);
     ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
     EXPECT_EQ(vzthread_create(NeverRuns, nullptr), EAGAIN);
     pthread_setattr_default_np(&usual);
