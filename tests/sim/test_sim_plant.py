@@ -119,6 +119,8 @@ def test_an_unreadable_file_is_one_line_that_names_it(tmp_path, name, text):
     (with_tag(type="i2", follows="x", tau=1), "follows: no tag 'x'"),
     (with_tag(type="i2", follows="x", tau=0), "tau: must be greater than 0"),
     (with_tag(type="i2", alarms=[{"text": "a", "group": "b"}]), "alarms[0]: needs exactly one"),
+    (with_tag(type="i2", name="n" * 256, alarms=[{"high": 1, "text": "a", "group": "b"}]),
+     "alarms: the tag's name is longer than 255 bytes"),
     (with_tag(type="str", alarms=[{"high": 1, "text": "a", "group": "b"}]), "holds no number"),
 ])
 def test_a_wrong_plant_is_told_by_key(plant, text):
@@ -131,6 +133,7 @@ def test_limits_of_names_and_values_are_still_accepted():
     run(with_tag(type="str", value="x" * 4093))
     run(with_tag(type="i2", value=32767))
     run(with_tag(type="i2", name="n" * 764))
+    run(with_tag(type="i2", name="n" * 255, alarms=[{"high": 1, "text": "a", "group": "b"}]))
     run({"name": "p", "drivers": [{"name": "D", "id": 65534}]})
 
 

@@ -7,6 +7,8 @@ import pytest
 
 from conftest import small_plant
 from vzsim import Simulator
+from vzsim.channel import Channel
+from vzsim.server import SEND_PAUSE
 from wire_client import Client, take
 
 BOILER = 7
@@ -89,6 +91,32 @@ def test_one_step_pushes_all_its_changes_in_sends_of_whole_frames():
     assert data == b"".join(struct.pack("<HHi", 0, i, 1) for i in range(600))
 
 
+def test_the_sends_of_one_step_are_whole_frames_with_pauses_between(monkeypatch):
+    steps = []
+    send = Channel.send
+    monkeypatch.setattr(Channel, "send", lambda self, *given: (
+        steps.extend(given), send(self, *given)))
+    tags = [{"name": "t%d" % i, "type": "str", "signal": {
+        "kind": "text", "texts": ["x", "y" * 99]}} for i in range(40)]  # 104 bytes a frame
+    with Simulator(small_plant(drivers=[{"name": "D", "tags": tags}]), tick=0) as sim, \
+            Client(sim.port) as client:
+        client.log_in()
+        client.subscribe(*[(0, i) for i in range(40)])
+        del steps[:]
+        sim.step(1.0)
+        assert [len(step) if isinstance(step, bytes) else step for step in steps] == [
+            19 * 104, SEND_PAUSE, 19 * 104, SEND_PAUSE, 2 * 104]
+        assert take(client.notify, 4160) == b"".join(
+            struct.pack("<HH", 0, i) + b"y" * 99 + b"\0" for i in range(40))
+
+
+def test_a_change_does_not_overtake_the_reply_to_its_subscription(client, sim):
+    begin = time.monotonic()
+    client.request.sendall(b"b\x01\0\0\0\x01\0\0" b"g\x01\0\0\0\x01\0\x03\0\x07\0\0\0")
+    assert client.notify.recv(100) == b"\0\0\x01\0\x07\0\0\0"
+    assert time.monotonic() - begin >= 0.01
+
+
 def test_raw_bytes_reach_every_channel_as_one_send(client, sim):
     with Client(sim.port) as other:
         other.log_in()
@@ -98,7 +126,7 @@ def test_raw_bytes_reach_every_channel_as_one_send(client, sim):
 
 
 def test_raw_bytes_in_pieces_of_given_sizes(client, sim):
-    sim.push_raw(b"abcdefg", sends=[1, 2], pause=0.05)
+    sim.push_raw(b"abcdefg", sends=[1, 2], pause=0.1)
     assert [client.notify.recv(100) for _ in range(4)] == [b"a", b"bc", b"de", b"fg"]
     with pytest.raises(ValueError):
         sim.push_raw(b"abc", sends=[0])

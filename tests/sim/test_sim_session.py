@@ -184,6 +184,7 @@ def test_a_write_that_does_not_suit_its_tag_is_left_out(client, sim):
     client.write(0, 0, b"\x03\0\xff\xff\x7f\0")  # too large for i2
     client.write(0, 1, b"\x08\0word\0")          # no number
     client.write(9, 9, b"\x03\0\0\0\0\0")        # no such tag
+    client.write(0, 16, b"\x03\0\0\0\0\0")       # a tag without a value
     client.read((0, 0))
     assert (sim.get_value(0, 0), sim.get_value(0, 1)) == (-2, 258)
 
