@@ -42,7 +42,7 @@ class Channel:
     def ended(self) -> None:
         """Called once when the connection is gone, whoever ended it."""
 
-    # ---- sending --------------------------------------------------------------------------
+    # ---- sending ------------------------------------------------------------------------------
 
     def send(self, *steps: Step) -> None:
         """Queue steps behind those already there."""
@@ -119,7 +119,7 @@ class Channel:
     def all_sent(self) -> None:
         """Called when a wait for room or time is over and the queue is empty."""
 
-    # ---- reading --------------------------------------------------------------------------
+    # ---- reading ------------------------------------------------------------------------------
 
     def _readable(self) -> None:
         parts = []  # type: List[bytes]
@@ -145,7 +145,7 @@ class Channel:
         if gone:
             self.close()
 
-    # ---- ending ---------------------------------------------------------------------------
+    # ---- ending -------------------------------------------------------------------------------
 
     def close(self, how: str = "close") -> None:
         """End the connection; ``how`` "reset" sends a reset instead of an orderly end."""

@@ -98,7 +98,7 @@ class Plant:
         self.files = {}  # type: Dict[bytes, files.ProjectFile]
         self._generate_files()
 
-    # ---- tags -----------------------------------------------------------------------------
+    # ---- tags ---------------------------------------------------------------------------------
 
     def tag(self, driver: int, tag: int) -> Optional[Tag]:
         """The tag of these ids, or None."""
@@ -150,7 +150,7 @@ class Plant:
         if tag in self._moving:
             self._moving.remove(tag)
 
-    # ---- alarms ---------------------------------------------------------------------------
+    # ---- alarms -------------------------------------------------------------------------------
 
     def check_limits(self, tag: Tag) -> List[Event]:
         """Compare the tag's value with its limits; returns the alarms raised and cleared."""
@@ -174,7 +174,7 @@ class Plant:
         """Forget the alarms made on order."""
         self._extra_alarms = []
 
-    # ---- users and files --------------------------------------------------------------------
+    # ---- users and files ----------------------------------------------------------------------
 
     def rights(self, user: bytes, password: bytes) -> Optional[int]:
         """The rights word of a user, or None when the login is refused."""
@@ -220,7 +220,7 @@ class Plant:
         for name, data in generated.items():
             self.files[name] = files.ProjectFile(data, self.spec.file_time)
 
-    # ---- building -------------------------------------------------------------------------
+    # ---- building -----------------------------------------------------------------------------
 
     def _build_signals(self) -> None:
         following = []

@@ -136,7 +136,7 @@ class Server:
         self._ticker = None  # type: Optional[asyncio.TimerHandle]
         self._stepped = 0.0
 
-    # ---- life -----------------------------------------------------------------------------
+    # ---- life ---------------------------------------------------------------------------------
 
     def start(self) -> None:
         """Listen and start the signals; afterwards ``port`` is the port in use."""
@@ -171,7 +171,7 @@ class Server:
         """Whether login hellos come with MAC and server name."""
         return self.port == RELAY_PORT
 
-    # ---- connections ----------------------------------------------------------------------
+    # ---- connections --------------------------------------------------------------------------
 
     def _accepted(self, sock: socket.socket) -> None:
         self._count += 1
@@ -202,7 +202,7 @@ class Server:
         return [c for c in self.connections.values()
                 if c.channel == "notify" and c.session is not None]
 
-    # ---- requests -------------------------------------------------------------------------
+    # ---- requests -----------------------------------------------------------------------------
 
     def handle(self, connection: Connection, request: Any, raw: bytes) -> None:
         """Answer one request, with the fault that is ordered for it, if any."""
@@ -297,7 +297,7 @@ class Server:
         normal.update(self.overrides)
         return frames.receive_reply(**normal)
 
-    # ---- pushes ---------------------------------------------------------------------------
+    # ---- pushes -------------------------------------------------------------------------------
 
     def _on_tick(self) -> None:
         now = self.loop.time()
@@ -324,7 +324,7 @@ class Server:
             wanted = [frame for key, frame in changes if key in session.tags]
             connection.send(*frames.pack_sends(wanted + (alarms if session.alarms else [])))
 
-    # ---- records --------------------------------------------------------------------------
+    # ---- records ------------------------------------------------------------------------------
 
     def record(self, connection: Connection, raw: bytes) -> None:
         """Keep the bytes of a request as they came."""
