@@ -208,7 +208,7 @@ TEST(Header, NamesCountInAnyCase) {
 
 TEST(Header, UnknownNamesArePassedOver) {
     int nPos = -1;
-    const std::string strHeader = "Sizes:5\r\nSiz:6\r\nX-Server:Yes\r\nSize:A\r\n\r\n";
+    const std::string strHeader = "Size:A\r\nSizes:5\r\nSiz:6\r\nX-Server:Yes\r\n\r\n";
     const SCFileInfo fi = Parse(strHeader + "body", &nPos);
     EXPECT_EQ(fi.dwSize, 10u);
     EXPECT_EQ(nPos, static_cast<int>(strHeader.size()));
@@ -296,6 +296,18 @@ TEST(Header, LineThatIsTooLongEndsIt) {
     EXPECT_EQ(nPos, 7 + 64);
     EXPECT_EQ(fi.dwSize, 10u);
     EXPECT_FALSE(fi.bHello);
+}
+
+TEST(Header, TakesNamesOf63AndValuesOf255Bytes) {
+    const std::string strFits(255, 'v');
+    const SCFileInfo fi =
+        Parse(std::string(63, 'n') + ":v\nFileName:" + strFits + "\nHello:Yes\n\n");
+    EXPECT_EQ(fi.strName, strFits);
+    EXPECT_TRUE(fi.bHello);
+    const SCFileInfo cut = Parse("GZ:Yes\nFileName:" + strFits + "v\nHello:Yes\n\n");
+    EXPECT_TRUE(cut.bGZ);
+    EXPECT_EQ(cut.strName, "");
+    EXPECT_FALSE(cut.bHello);
 }
 
 TEST(Header, OfNoBytesIsEmpty) {
