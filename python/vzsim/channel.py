@@ -42,10 +42,12 @@ class Channel:
     def ended(self) -> None:
         """Called once when the connection is gone, whoever ended it."""
 
-    # ---- sending --------------------------------------------------------------------------
+    # ---- sending ------------------------------------------------------------------------------
 
     def send(self, *steps: Step) -> None:
         """Queue steps behind those already there."""
+        if self.sock is None:
+            return
         for step in steps:
             if isinstance(step, (bytes, memoryview)):
                 if not step:
@@ -119,7 +121,7 @@ class Channel:
     def all_sent(self) -> None:
         """Called when a wait for room or time is over and the queue is empty."""
 
-    # ---- reading --------------------------------------------------------------------------
+    # ---- reading ------------------------------------------------------------------------------
 
     def _readable(self) -> None:
         parts = []  # type: List[bytes]
@@ -145,7 +147,7 @@ class Channel:
         if gone:
             self.close()
 
-    # ---- ending ---------------------------------------------------------------------------
+    # ---- ending -------------------------------------------------------------------------------
 
     def close(self, how: str = "close") -> None:
         """End the connection; ``how`` "reset" sends a reset instead of an orderly end."""
@@ -169,6 +171,16 @@ class Channel:
             return "%s:%d" % self.sock.getpeername()[:2]
         except (OSError, AttributeError):
             return "gone"
+
+
+def finish(loop: asyncio.AbstractEventLoop) -> None:
+    """Cancel what still waits on a loop that has been stopped, and close the loop."""
+    waiting = asyncio.all_tasks(loop)
+    for task in waiting:
+        task.cancel()
+    if waiting:
+        loop.run_until_complete(asyncio.gather(*waiting, return_exceptions=True))
+    loop.close()
 
 
 def listen(host: str, port: int) -> socket.socket:

@@ -168,7 +168,7 @@ class Controller:
     def clear_alarms(self) -> None:
         self._server.plant.clear_alarms()
 
-    # ---- misbehaviour ---------------------------------------------------------------------------
+    # ---- misbehaviour -------------------------------------------------------------------------
 
     def drop_clients(self, kind: str, channel: Optional[str]) -> int:
         _check_channel(channel)

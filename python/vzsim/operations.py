@@ -20,7 +20,7 @@ class Operations:
     def _call(self, operation: str, **arguments: Any) -> Any:
         raise NotImplementedError
 
-    # ---- what the clients did ---------------------------------------------------------------
+    # ---- what the clients did -----------------------------------------------------------------
 
     def requests(self, clear: bool = False, codes: Optional[str] = None) -> List[Request]:
         """What has been received: (connection id, "request" or "notify", bytes), oldest first.
@@ -141,7 +141,7 @@ class Operations:
         """Forget the active alarms made by ``raise_alarm``; nothing is sent."""
         self._call("clear_alarms")
 
-    # ---- misbehaviour ---------------------------------------------------------------------------
+    # ---- misbehaviour -------------------------------------------------------------------------
 
     def drop_clients(self, kind: str = "close", channel: Optional[str] = None) -> int:
         """End connections: all, or those of a channel ("request", "notify").

@@ -49,6 +49,7 @@ class Tag:
         self.signal = signals.Constant(spec.value)
         self.limits = []  # type: List[Limit]
         self.pushable = values.has_payload(spec.vt)
+        self.payload = None  # type: Optional[bytes]
         self.ends_chunk = spec.vt == values.ARRAY
         self.store(spec.value)
 
@@ -58,7 +59,7 @@ class Tag:
         payload = values.encode_payload(self.vt, value)
         if len(payload) + 2 > values.MAX_ENCODED:
             raise ValueError("a value of %d bytes is too long" % len(payload))
-        changed = payload != getattr(self, "payload", None)
+        changed = payload != self.payload
         self.value, self.payload = value, payload
         return changed
 
@@ -98,7 +99,7 @@ class Plant:
         self.files = {}  # type: Dict[bytes, files.ProjectFile]
         self._generate_files()
 
-    # ---- tags -----------------------------------------------------------------------------
+    # ---- tags ---------------------------------------------------------------------------------
 
     def tag(self, driver: int, tag: int) -> Optional[Tag]:
         """The tag of these ids, or None."""
@@ -139,6 +140,8 @@ class Plant:
         Returns whether the value differs and the alarms it raised or cleared. ValueError: the
         value does not suit the tag, nothing changed.
         """
+        if not tag.pushable and not tag.ends_chunk:
+            raise ValueError("tag %s is of a type that holds no value" % tag.name)
         changed = tag.store(value)
         if hold:
             self._stop(tag)
@@ -150,7 +153,7 @@ class Plant:
         if tag in self._moving:
             self._moving.remove(tag)
 
-    # ---- alarms ---------------------------------------------------------------------------
+    # ---- alarms -------------------------------------------------------------------------------
 
     def check_limits(self, tag: Tag) -> List[Event]:
         """Compare the tag's value with its limits; returns the alarms raised and cleared."""
@@ -174,7 +177,7 @@ class Plant:
         """Forget the alarms made on order."""
         self._extra_alarms = []
 
-    # ---- users and files --------------------------------------------------------------------
+    # ---- users and files ----------------------------------------------------------------------
 
     def rights(self, user: bytes, password: bytes) -> Optional[int]:
         """The rights word of a user, or None when the login is refused."""
@@ -220,7 +223,7 @@ class Plant:
         for name, data in generated.items():
             self.files[name] = files.ProjectFile(data, self.spec.file_time)
 
-    # ---- building -------------------------------------------------------------------------
+    # ---- building -----------------------------------------------------------------------------
 
     def _build_signals(self) -> None:
         following = []
@@ -254,6 +257,10 @@ class Plant:
                 continue
             if isinstance(tag.value, (str, bytes, list, type(None))):
                 raise plantfile.PlantError("%s.alarms: the tag holds no number" % spec.where)
+            if len(tag.wire_name) > files.MAX_LIST_LINE:
+                raise plantfile.PlantError("%s.alarms: the tag's name is longer than %d bytes, "
+                                           "a line of the alarm tag list"
+                                           % (spec.where, files.MAX_LIST_LINE))
             for limit in spec.limits:
                 tag.limits.append(Limit(limit, len(self.tag_list), self._text(limit.text),
                                         self._text(limit.group)))

@@ -99,10 +99,12 @@ class SimProcess(Operations):
         with self._lock:
             self._orders += 1
             self._send({"id": self._orders, "do": operation, "with": control.pack(arguments)})
-            line = self._read_line(None)
-        if not line:
-            raise RuntimeError("the simulator is gone: %s" % self.log().strip())
-        answer = control.unpack(json.loads(line))
+            answer = {"id": None}  # type: Dict[str, Any]
+            while answer["id"] != self._orders:  # an interrupted order may have left its answer
+                line = self._read_line(None)
+                if not line:
+                    raise RuntimeError("the simulator is gone: %s" % self.log().strip())
+                answer = control.unpack(json.loads(line))
         if "error" in answer:
             raise control.ERRORS[answer["error"]](answer["text"])
         return answer["result"]

@@ -90,7 +90,7 @@ def test_project_paths_are_four_texts(client):
                                 + root + b"RecData/Alarm2/\0" + root + b"RecData/\0")
 
 
-# ---- lookup -----------------------------------------------------------------------------------
+# ---- lookup ----------------------------------------------------------------------------------
 
 def test_lookup_gives_ids_and_65535_for_unknown_names(client):
     assert client.lookup(0, "i4", "nothing", "i2") == [1, 0xFFFF, 0]
@@ -109,7 +109,7 @@ def test_a_lookup_cut_inside_a_name_waits_for_the_rest(client, sim):
     assert sim.requests(codes="L")[0][2] == b"L\0\0i4\0"
 
 
-# ---- read and subscribe --------------------------------------------------------------------------
+# ---- read and subscribe ----------------------------------------------------------------------
 
 def test_every_type_is_read_with_its_code_and_width(client):
     body, = client.read(*[(0, i) for i in range(18) if i != 5])
@@ -161,7 +161,7 @@ def test_unadvise_stops_the_pushes_of_a_tag(client, sim):
     assert client.ask(b"d\0\0\x63\0") == b"0"
 
 
-# ---- write --------------------------------------------------------------------------------------
+# ---- write -----------------------------------------------------------------------------------
 
 def test_a_written_value_is_stored_in_the_tags_own_type(client, sim):
     client.write(0, 1, b"\x03\0\x07\0\0\0")                 # int to i4
@@ -174,7 +174,8 @@ def test_a_written_value_is_stored_in_the_tags_own_type(client, sim):
 
 
 def test_two_values_of_one_write_are_both_stored(client, sim):
-    client.request.sendall(b"g\x02\0\0\0\x00\0\x03\0\x05\0\0\0" b"\0\0\x01\0\x03\0\x06\0\0\0")
+    client.request.sendall(b"g\x02\0" b"\0\0\0\0\x03\0\x05\0\0\0"
+                           b"\0\0\x01\0\x03\0\x06\0\0\0")
     client.read((0, 0))
     assert (sim.get_value(0, 0), sim.get_value(0, 1)) == (5, 6)
 
@@ -183,6 +184,7 @@ def test_a_write_that_does_not_suit_its_tag_is_left_out(client, sim):
     client.write(0, 0, b"\x03\0\xff\xff\x7f\0")  # too large for i2
     client.write(0, 1, b"\x08\0word\0")          # no number
     client.write(9, 9, b"\x03\0\0\0\0\0")        # no such tag
+    client.write(0, 16, b"\x03\0\0\0\0\0")       # a tag without a value
     client.read((0, 0))
     assert (sim.get_value(0, 0), sim.get_value(0, 1)) == (-2, 258)
 
@@ -207,7 +209,7 @@ def test_a_written_setpoint_moves_its_process_value(client, sim):
     assert sim.get_value("锅炉", "Process") == pytest.approx(16.321, abs=0.001)
 
 
-# ---- the stream -----------------------------------------------------------------------------------
+# ---- the stream ------------------------------------------------------------------------------
 
 def test_requests_sent_byte_by_byte_are_put_together(client, sim):
     request = b"H\x01\0\0\0\x01\0"
@@ -218,8 +220,9 @@ def test_requests_sent_byte_by_byte_are_put_together(client, sim):
 
 
 def test_requests_sent_together_are_answered_in_order(client):
-    reply = client.exchange(b"H\x01\0\0\0\x01\0" b"g\x01\0\0\0\x01\0\x03\0\x09\0\0\0"
-                            b"H\x01\0\0\0\x01\0" b"L\0\0i4\0", 25)
+    read = b"H\x01\0\0\0\x01\0"
+    write = b"g\x01\0\0\0\x01\0\x03\0\x09\0\0\0"
+    reply = client.exchange(read + write + read + b"L\0\0i4\0", 25)
     assert reply == (b"H\0\x06\0\x03\0\x02\x01\0\0" b"H\0\x06\0\x03\0\x09\0\0\0"
                      b"L\x01\0\x03\0")
 

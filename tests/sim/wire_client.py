@@ -150,7 +150,9 @@ class Client:
     def _body(self, header, received):
         size, body, span = int(header[b"Size"], 16), b"", 131072
         while len(body) < size:
-            if b"Hello" in header and received >= span:
+            if b"Hello" not in header:
+                received = 0
+            elif received >= span:
                 self.request.sendall(b"4Hello%X\0" % received)
                 received, span = 0, max(span - 10240, 8192)
             part = self.request.recv(min(2048, span - received, size - len(body)))
