@@ -109,26 +109,31 @@ class Job:
     """One operation to measure: run(n) does it n times through the module.
 
     ping_pong are the arguments that have the ping-pong do the same; None when there is nothing to
-    compare with.
+    compare with. settle() follows each run unmeasured, so that nothing is left in flight.
     """
 
-    def __init__(self, name, run, ping_pong=None):
+    def __init__(self, name, run, ping_pong=None, settle=lambda: None):
         self.name = name
         self.run = run
+        self.settle = settle
         self.ping_pong = ping_pong
         self.module = []  # (CPU seconds, wall seconds) per operation, one for each round
         self.plain = []
 
     def count_for(self, seconds):
         self.run(WARM_UPS)
+        self.settle()
         start = time.perf_counter()
         self.run(WARM_UPS)
-        return max(WARM_UPS, int(seconds * WARM_UPS / (time.perf_counter() - start)))
+        elapsed = time.perf_counter() - start
+        self.settle()
+        return max(WARM_UPS, int(seconds * WARM_UPS / elapsed))
 
     def round_of_module(self, count):
         cpu, wall = cpu_seconds(), time.perf_counter()
         self.run(count)
         cpu, wall = cpu_seconds() - cpu, time.perf_counter() - wall
+        self.settle()
         self.module.append((cpu / count, wall / count))
 
     def round_of_ping_pong(self, program, port, count):
@@ -202,9 +207,9 @@ def write_job(driver):
         put = driver.SetTagValue
         for _ in itertools.repeat(None, count):
             put(name, 5)
-        driver.GetTagValue(name)  # waits until all have arrived: writes have no reply
 
-    return Job("write 1 tag", run, ["write"])
+    # Writes have no reply: a read waits until all have arrived.
+    return Job("write 1 tag", run, ["write"], settle=lambda: driver.GetTagValue(name))
 
 
 def connect_times(host):
