@@ -34,6 +34,7 @@ class ReplayServer:
     def __init__(self, program):
         self._process = subprocess.Popen([program], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.port = int(self._process.stdout.readline())
+        never_preempts(self._process.pid)
         self.host = "127.0.0.1:%d" % self.port
         self._cache = os.path.join(CACHE_ROOT, self.host.replace(":", "_"))
 
@@ -77,6 +78,19 @@ def pin_to_one_core():
         return None
 
 
+def never_preempts(pid):
+    """Has a process wait until others on its core sleep, where the system has such a policy.
+
+    A server that took the core the moment a request is sent would now and then spare the client its
+    sleep in the receive, more often the slower that client is: more than a microsecond that no
+    client is spared whose server is another machine.
+    """
+    try:
+        os.sched_setscheduler(pid, os.SCHED_BATCH, os.sched_param(0))
+    except (AttributeError, OSError):
+        pass
+
+
 def cpu_seconds():
     usage = resource.getrusage(resource.RUSAGE_SELF)
     return usage.ru_utime + usage.ru_stime
@@ -95,26 +109,31 @@ class Job:
     """One operation to measure: run(n) does it n times through the module.
 
     ping_pong are the arguments that have the ping-pong do the same; None when there is nothing to
-    compare with.
+    compare with. settle() follows each run unmeasured, so that nothing is left in flight.
     """
 
-    def __init__(self, name, run, ping_pong=None):
+    def __init__(self, name, run, ping_pong=None, settle=lambda: None):
         self.name = name
         self.run = run
+        self.settle = settle
         self.ping_pong = ping_pong
         self.module = []  # (CPU seconds, wall seconds) per operation, one for each round
         self.plain = []
 
     def count_for(self, seconds):
         self.run(WARM_UPS)
+        self.settle()
         start = time.perf_counter()
         self.run(WARM_UPS)
-        return max(WARM_UPS, int(seconds * WARM_UPS / (time.perf_counter() - start)))
+        elapsed = time.perf_counter() - start
+        self.settle()
+        return max(WARM_UPS, int(seconds * WARM_UPS / elapsed))
 
     def round_of_module(self, count):
         cpu, wall = cpu_seconds(), time.perf_counter()
         self.run(count)
         cpu, wall = cpu_seconds() - cpu, time.perf_counter() - wall
+        self.settle()
         self.module.append((cpu / count, wall / count))
 
     def round_of_ping_pong(self, program, port, count):
@@ -188,9 +207,9 @@ def write_job(driver):
         put = driver.SetTagValue
         for _ in itertools.repeat(None, count):
             put(name, 5)
-        driver.GetTagValue(name)  # waits until all have arrived: writes have no reply
 
-    return Job("write 1 tag", run, ["write"])
+    # Writes have no reply: a read waits until all have arrived.
+    return Job("write 1 tag", run, ["write"], settle=lambda: driver.GetTagValue(name))
 
 
 def connect_times(host):

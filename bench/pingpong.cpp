@@ -2,7 +2,7 @@
 // the reply, with the calls the library makes and nothing around them.
 //
 //   pingpong PORT read TAGS COUNT     COUNT reads of the tags 0 to TAGS - 1
-//   pingpong PORT write COUNT         COUNT writes of tag 0, then one read so that all have arrived
+//   pingpong PORT write COUNT         COUNT writes of tag 0, then a read: that all have arrived
 //
 // Prints CPU time (user and system) and wall time of the COUNT operations, in seconds, as JSON.
 
@@ -141,9 +141,9 @@ int main(int argc, char** argv) {
         Measure(
             [&](long n) {
                 while (n--) SendAll(hSocket, kWrite, sizeof kWrite);
-                Read(hSocket, request, nLen);
             },
             nCount);
+        Read(hSocket, request, nLen);
     }
     close(hSocket);
     return 0;
