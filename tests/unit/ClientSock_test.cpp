@@ -433,6 +433,15 @@ TEST_F(Login, BothSocketsAreKeptAlive) {
     }
 }
 
+// A read right after a write, which has no reply, must not wait for the write's acknowledgement.
+TEST_F(Login, RequestsAreSentAtOnce) {
+    LogIn();
+    int nOn = 0;
+    socklen_t nLen = sizeof nOn;
+    EXPECT_EQ(getsockopt(sock.m_reqSock, IPPROTO_TCP, TCP_NODELAY, &nOn, &nLen), 0);
+    EXPECT_NE(nOn, 0);
+}
+
 TEST_F(Login, StampsTheRequestTime) {
     const time_t tBefore = time(nullptr);
     LogIn();
