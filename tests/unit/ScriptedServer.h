@@ -92,6 +92,13 @@ class CScriptedServer {
             return n == static_cast<ssize_t>(strBytes.size());
         });
     }
+    // The same to a peer that may be gone already.
+    void SendAnyway(size_t nConn, const std::string& strBytes) {
+        Order("send anyway", [=] {
+            (void)!::send(Conn(nConn), strBytes.data(), strBytes.size(), MSG_NOSIGNAL);
+            return true;
+        });
+    }
     // Sends of one byte each, which the peer may well receive one by one.
     void Drip(size_t nConn, const std::string& strBytes) {
         for (const char c : strBytes) {
