@@ -37,7 +37,8 @@ def test_the_module_exposes_its_two_types_alone(script):
 
 
 def test_the_import_leaves_datetime_alone():
-    done = run("import sys, VzDBAccess; print('datetime' in sys.modules, '_datetime' in sys.modules)")
+    done = run("import sys, VzDBAccess\n"
+               "print('datetime' in sys.modules, '_datetime' in sys.modules)")
     assert done.stdout.split() == ["False", "False"]
 
 
