@@ -417,6 +417,13 @@ def test_the_later_of_two_records_counts(with_drivers, script, sent):
     assert script("d.GetTagValue('a')") == 1
 
 
+def test_a_new_connect_forgets_the_drivers_of_the_old_file(with_drivers, script):
+    with_drivers(wire.driver_record(b"old", 0, 23))
+    with_drivers(wire.driver_record(b"newer", 0, 23))
+    assert has_driver(script, "newer")
+    assert not has_driver(script, "old")
+
+
 def test_a_fragment_at_the_end_is_no_driver(with_drivers, script):
     with_drivers(LINE1_ALONE + b"y\0\1\0\2")
     assert has_driver(script, "line1")
