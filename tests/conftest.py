@@ -41,7 +41,7 @@ def script():
 
 @pytest.fixture
 def session(plant, script):
-    """A script that is connected to the small plant as its operator: ``db``, and ``drv`` of line1."""
+    """A script connected to the small plant as its operator: ``db``, and ``drv`` of line1."""
     script.connect(plant)
     script("drv = db.GetDriver('line1')")
     plant.requests(clear=True)

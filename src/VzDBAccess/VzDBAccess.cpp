@@ -231,6 +231,9 @@ bool AddType(PyObject* module, const char* szName, PyTypeObject* type) {
 
 }  // namespace
 
+// Interpreters before 3.9 leave the entry point as hidden as everything else.
+extern "C" __attribute__((visibility("default"))) PyObject* PyInit_VzDBAccess();
+
 PyMODINIT_FUNC PyInit_VzDBAccess() {
     PyObject* module = PyModule_Create2(&dbcoremodule, PYTHON_API_VERSION);
     if (!module) return nullptr;

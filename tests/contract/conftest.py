@@ -9,6 +9,7 @@ import shutil
 
 import pytest
 
+import tasks
 from plants import SMALL_PLANT
 from vzsim import Simulator
 
@@ -44,6 +45,20 @@ def plant(simulate):
 
 
 @pytest.fixture
+def session(plant, script):
+    """A script connected to the small plant as its operator: ``db``, and ``drv`` of line1.
+
+    The plant hangs up before the script ends: a session that ends its own way pauses for 60 ms,
+    which many tests would pay for. Scripts that end with a live session have tests of their own.
+    """
+    script.connect(plant)
+    script("drv = db.GetDriver('line1')")
+    plant.requests(clear=True)
+    yield script
+    plant.drop_clients()
+
+
+@pytest.fixture
 def host(plant):
     """The plant's host text."""
     return "%s:%d" % (plant.host, plant.port)
@@ -53,7 +68,8 @@ def host(plant):
 def cached(plant):
     """Gives paths in the small plant's project folder of the cache."""
     def path(*parts):
-        return os.path.join(cache_folder("%s:%d" % (plant.host, plant.port)), "Line1", *parts)
+        return os.path.normpath(os.path.join(
+            cache_folder("%s:%d" % (plant.host, plant.port)), "Line1", *parts))
     return path
 
 
@@ -90,3 +106,15 @@ def raised(script):
             script(code)
         return caught.value.kind, caught.value.text
     return run
+
+
+@pytest.fixture
+def push(script, plant):
+    """Pushes bytes in one send and waits until the script's receive thread has dealt with them."""
+    def call(data):
+        thread, = tasks.others(script.pid)
+        tasks.wait_asleep(script.pid, thread)
+        before = tasks.sleeps(script.pid, thread)
+        plant.push_raw(data)
+        tasks.wait_asleep(script.pid, thread, before + 1)
+    return call

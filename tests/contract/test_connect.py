@@ -10,9 +10,9 @@ import time
 import pytest
 
 import wire
-from plants import SMALL_PLANT
 from script import run
 
+CACHE = "/tmp/vzbrowser"
 LOGIN = ("operator", "password")
 RELAY_PORT = 3968
 FOLDERS = ["3DWnd", "CtmGph", "DBDrv", "ExtData", "Media", "RecData", "RecData/Alarm2",
@@ -21,33 +21,31 @@ FOLDERS = ["3DWnd", "CtmGph", "DBDrv", "ExtData", "Media", "RecData", "RecData/A
 
 @pytest.fixture
 def connect(script):
-    """Connects ``db`` to a host text; gives the result."""
+    """Connects ``db`` to a host text; gives the result. Cache folders go away afterwards."""
+    hosts = set()
     script("db = VzDBAccess.DBCore()")
 
     def call(host, user=LOGIN[0], password=LOGIN[1]):
+        hosts.add(host)
         return script("db.Connect(%r, %r, %r)" % (host, user, password))
-    return call
+
+    yield call
+    for host in hosts - {""}:
+        folder = "".join("_" if c in b":/" or c > 0x7F else chr(c) for c in host.encode())
+        shutil.rmtree(os.path.join(CACHE, folder), True)
 
 
 @pytest.fixture
 def center(simulate, own_address):
     """Starts a server on the relay port of an address of its own."""
-    folders = set()
-
     def start(**arguments):
         try:
-            simulator = simulate(host=own_address, port=RELAY_PORT, **arguments)
+            return simulate(host=own_address, port=RELAY_PORT, **arguments)
         except OSError as error:
             pytest.skip("the relay port cannot be used: %s" % error)
-        folders.update(os.path.join("/tmp/vzbrowser", prefix + "(" + own_address + ")_")
-                       for prefix in ("p2p", "P2P"))
-        return simulator
 
     yield start
-    names = os.listdir("/tmp/vzbrowser") if os.path.isdir("/tmp/vzbrowser") else []
-    for name in names:
-        if "(" + own_address + ")" in name:
-            shutil.rmtree(os.path.join("/tmp/vzbrowser", name), True)
+    shutil.rmtree(os.path.join(CACHE, "p2p(%s)_Plant" % own_address), True)
 
 
 def plain(data):
@@ -290,7 +288,8 @@ def test_rights_are_those_of_the_latest_login(connect, script, host):
 
 # ---- credentials --------------------------------------------------------------------------------
 
-@pytest.mark.parametrize("user, password", [("u" * 253, ""), ("", "p" * 253), ("u" * 200, "p" * 53)])
+@pytest.mark.parametrize("user, password", [
+    ("u" * 253, ""), ("", "p" * 253), ("u" * 200, "p" * 53)])
 def test_credentials_of_253_bytes_are_sent(connect, sent, host, user, password):
     assert connect(host, user, password) == -1
     assert sent("9") == [b"9" + user.encode() + b"\0" + password.encode() + b"\0"]
@@ -330,7 +329,6 @@ def test_a_host_text_without_a_port_means_port_80(connect, simulate, own_address
     except OSError as error:
         pytest.skip("port 80 cannot be used: %s" % error)
     assert connect(own_address + port) == 0
-    shutil.rmtree("/tmp/vzbrowser/" + (own_address + port).replace(":", "_"), True)
 
 
 def test_a_colon_in_front_separates_no_port(connect, plant):
@@ -360,7 +358,6 @@ def test_a_relay_gets_the_same_second_hello(connect, center, own_address):
 def test_a_relay_text_begins_with_p2p_in_any_case(connect, center, own_address, form):
     center()
     assert connect(form % own_address) == 0
-    shutil.rmtree("/tmp/vzbrowser/" + (form % own_address).replace(":", "_"), True)
 
 
 def test_a_plant_name_keeps_its_further_colons(connect, center, own_address):
@@ -492,7 +489,8 @@ def test_a_redirected_session_keeps_its_cache_under_the_first_host_text(
         plant, center, own_address, cached):
     center(centers={"Plant": {"address": "127.0.0.1:%d" % plant.port, "mode": "redirect"}})
     connect_alone("p2p(%s):Plant" % own_address)
-    assert os.path.isfile("/tmp/vzbrowser/p2p(%s)_Plant/Line1/RecData/drvinfo.dat" % own_address)
+    assert os.path.isfile(os.path.join(
+        CACHE, "p2p(%s)_Plant" % own_address, "Line1", "RecData", "drvinfo.dat"))
     assert not os.path.exists(cached())
 
 
@@ -534,11 +532,10 @@ def test_a_second_connect_finds_the_tree_in_place(connect, host, cached):
     ("a b", "a b")])
 def test_a_host_text_is_one_folder(connect, center, own_address, name, folder):
     center()
-    before = set(os.listdir("/tmp"))
     assert connect("p2p(%s):%s" % (own_address, name)) == 0
-    path = "/tmp/vzbrowser/p2p(%s)_%s/Line1/RecData/drvinfo.dat" % (own_address, folder)
-    assert os.path.isfile(path)
-    assert "x" in before or "x" not in os.listdir("/tmp")
+    path = os.path.join(CACHE, "p2p(%s)_%s" % (own_address, folder))
+    assert tree(path) == sorted(["Line1", "Line1/RecData/drvinfo.dat"]
+                                + ["Line1/" + name for name in FOLDERS])
 
 
 # ---- project names ------------------------------------------------------------------------------
@@ -561,11 +558,10 @@ def test_a_chinese_project_gives_its_drivers(connect, script, plant, host):
 def test_a_project_name_that_is_no_folder_name_fails(script, connect, plant, host, cached, name):
     script.expect_stderr = b""  # a name without a UTF-8 form is said there
     plant.set_login(project=name)
-    outside = set(os.listdir("/tmp/vzbrowser")) if os.path.isdir("/tmp/vzbrowser") else set()
+    outside = set(os.listdir(CACHE)) if os.path.isdir(CACHE) else set()
     assert connect(host) == -2
     assert not os.path.isdir(cached("..")) or tree(cached("..")) == []
-    left = {"Window", "RecData", "x"} & set(os.listdir("/tmp/vzbrowser"))
-    assert left <= outside
+    assert {"Window", "RecData", "x"} & set(os.listdir(CACHE)) <= outside
 
 
 def test_a_bad_project_name_sends_no_login(connect, plant, sent, host):
@@ -583,7 +579,3 @@ def test_a_project_name_without_an_end_is_taken_to_the_end(connect, plant, host,
     plant.fault("8", "reply", data=notify_reply(b"Line9"), scramble=True)
     assert connect(host) == 0
     assert os.path.isfile(cached("..", "Line9", "RecData", "drvinfo.dat"))
-
-
-def test_the_small_plant_has_the_project_of_these_tests():
-    assert SMALL_PLANT["project"] == "Line1"

@@ -37,7 +37,8 @@ def test_the_module_exposes_its_two_types_alone(script):
 
 
 def test_the_import_leaves_datetime_alone():
-    done = run("import sys, VzDBAccess; print('datetime' in sys.modules, '_datetime' in sys.modules)")
+    done = run("import sys, VzDBAccess\n"
+               "print('datetime' in sys.modules, '_datetime' in sys.modules)")
     assert done.stdout.split() == ["False", "False"]
 
 
@@ -229,3 +230,32 @@ def test_a_second_alarm_subscription_sends_nothing(session, sent):
     sent()
     assert session("db.SetRtAlarmNotify(repr, 1)") is None
     assert sent() == []
+
+
+def test_an_alarm_subscription_lasts_across_sessions(session, sent, host):
+    session("db.SetRtAlarmNotify(print, 0)")
+    session("db.Connect(%r, 'operator', 'password')" % host)
+    sent()
+    session("db.SetRtAlarmNotify(repr, 0)")
+    assert sent() == []
+
+
+# ---- the interpreter lock -----------------------------------------------------------------------
+
+@pytest.mark.parametrize("call, request_code", [
+    ("drv.GetTagValue, 'a'", "H"), ("drv.ConnectTag, 'a'", "b"), ("drv.SetTagValue, 'a', 1", "L"),
+    ("db.Connect, host, 'operator', 'password'", "9")])
+def test_a_method_keeps_the_interpreter_lock_while_it_waits(
+        session, plant, host, call, request_code):
+    session("import functools, operator\n"
+            "host = %r\n"
+            "ticks, going = [], [1]\n"
+            "def tick():\n"
+            "    while going: ticks.append(1)\n"
+            "todo = [functools.partial(f, *a) for f, *a in ((len, ticks), (%s), (len, ticks))]\n"
+            "every = operator.methodcaller('__call__')\n"
+            "ticker = threading.Thread(target=tick)\n"
+            "ticker.start()" % (host, call))
+    plant.fault(request_code, "delay", seconds=0.1)
+    session("found = list(map(every, todo))\ngoing.clear()\nticker.join()")
+    assert session("found[2] - found[0]") == 0

@@ -1,5 +1,6 @@
 """The child's end of harness/script.py: runs code from standard input, one JSON text a line."""
 
+import collections
 import gc
 import json
 import os
@@ -11,8 +12,20 @@ import VzDBAccess
 
 
 def slots(values):
-    """Length of a list, and the objects in it: an empty slot is never touched."""
+    """Length of a list, and the objects in it in no order: an empty slot is never touched."""
     return len(values), gc.get_referents(values)
+
+
+def contents(values):
+    """The slots of a list in order, "<empty>" for an empty one; the list is used up."""
+    found = []
+    while values:
+        before = gc.get_referents(values)
+        del values[:1]  # takes an empty slot out without touching what is not there
+        left = collections.Counter(map(id, gc.get_referents(values)))
+        gone = [item for item in before if left.subtract([id(item)]) or left[id(item)] < 0]
+        found.append(gone[0] if gone else "<empty>")
+    return found
 
 
 def descriptors():
@@ -39,8 +52,8 @@ def main():
     results = os.fdopen(os.dup(1), "w")
     os.dup2(2, 1)
     names = {"VzDBAccess": VzDBAccess, "os": os, "sys": sys, "time": time, "gc": gc,
-             "threading": threading, "slots": slots, "descriptors": descriptors,
-             "threads": threads}
+             "threading": threading, "slots": slots, "contents": contents,
+             "descriptors": descriptors, "threads": threads}
     for line in sys.stdin:
         try:
             answer = {"value": ascii(_run(json.loads(line), names))}

@@ -58,7 +58,7 @@ class Script:
     Values come back by their literal form. Names defined stay. An exception of the script raises
     ScriptError here. ``VzDBAccess``, ``os``, ``sys``, ``time`` and ``threading`` are imported, and
     ``slots(list)`` gives (length, the objects that are there) of a list whose other slots may be
-    empty.
+    empty, ``contents(list)`` what each slot holds, "<empty>" for an empty one.
     """
 
     def __init__(self, timeout=60):
