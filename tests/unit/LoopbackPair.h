@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -12,6 +13,10 @@
 
 // 127.0.0.1 in network byte order.
 inline ULONG LoopbackIp() { return htonl(INADDR_LOOPBACK); }
+
+// A bare container may lack the one host name that every machine knows.
+#define SKIP_WITHOUT_LOCALHOST() \
+    if (!gethostbyname("localhost")) GTEST_SKIP() << "this machine does not know localhost"
 
 // A listening socket on a free port of 127.0.0.1.
 class CLoopbackListener {
