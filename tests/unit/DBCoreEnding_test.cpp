@@ -12,6 +12,12 @@
 #include <mutex>
 #include <thread>
 
+#if defined(__SANITIZE_THREAD__)
+// The forked children here start threads, which the thread sanitizer has to be told.
+extern "C" const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
+#endif
+
 namespace {
 
 using CClock = std::chrono::steady_clock;
