@@ -311,6 +311,7 @@ BOOL CDBCore::RequestAll(const char* szReq, size_t nReqLen, size_t needLen, char
 // Single lookup: 'L', driver id (2), name and zero byte. Reply: 'L', tag id (2), more is not read.
 BOOL CDBCore::GetTagId(WORD drvId, LPCTSTR tagName, WORD* pTagId) {
     const size_t nName = std::strlen(tagName);
+    std::lock_guard<std::mutex> op(m_opLock);
     if (!m_bConnect || nName > kMaxSingleName) return FALSE;
     BYTE request[1 + 2 + kMaxSingleName + 1];
     CByteWriter writer(request, sizeof request);
@@ -330,6 +331,7 @@ BOOL CDBCore::GetTagId(WORD drvId, LPCTSTR tagName, WORD* pTagId) {
 
 // Unadvise: 'd', id (4). Reply: 'd' when it was done.
 BOOL CDBCore::UnadviseTag(long id) {
+    std::lock_guard<std::mutex> op(m_opLock);
     BYTE request[5];
     CByteWriter writer(request, sizeof request);
     writer.WriteU8(kReqUnadvise);

@@ -57,7 +57,9 @@ TEST(ListFile, LongLineIsCutAndTheNextIsWhole) {
 
 TEST(ListFile, LongLineIsCutBeforeACharacterThatDoesNotFit) {
     const std::string strLine = std::string(254, 'x') + "\xD6\xD0";
+    testing::internal::CaptureStderr();
     EXPECT_EQ(Lines(strLine + "\n"), "|" + std::string(254, 'x'));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // no half character was converted
 }
 
 TEST(ListFile, CharacterThatEndsTheLineFits) {

@@ -423,6 +423,17 @@ TEST_F(Login, NotificationSocketHasEightSecondsWhileItLogsIn) {
     EXPECT_EQ(OptionMs(sock.m_rcvSock, SO_RCVTIMEO), 8000);
 }
 
+TEST_F(Login, TimeOutsAreSetBeforeTheConnect) {
+    std::string strHost;
+    {
+        CScriptedServer gone;
+        strHost = gone.Host();
+    }
+    EXPECT_EQ(Connect(strHost), 1);
+    EXPECT_EQ(OptionMs(sock.m_reqSock, SO_RCVTIMEO), 8000);
+    EXPECT_EQ(OptionMs(sock.m_reqSock, SO_SNDTIMEO), 8000);
+}
+
 TEST_F(Login, BothSocketsAreKeptAlive) {
     LogIn();
     for (const int h : {sock.m_reqSock.GetSocket(), sock.m_rcvSock.GetSocket()}) {

@@ -3,8 +3,10 @@
 // The fixture comes first: it brings the interpreter's header.
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/resource.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <iterator>
@@ -338,21 +340,64 @@ TEST_F(Connecting, HalfWrittenDriverFileIsAskedForAgain) {
     EXPECT_EQ(core->m_mapDrvInfos.size(), 2u);
 }
 
-TEST_F(Connecting, HalfWrittenDriverFileThatCannotBeReplacedIsNotLoaded) {
-    OrderHellos();
-    // A folder in the file's place cannot be opened for writing.
-    mkdir("/tmp/vzbrowser", 0700);
-    mkdir(CacheFolder().c_str(), 0700);
-    mkdir(ProjectFolder().c_str(), 0700);
-    mkdir((ProjectFolder() + "RecData").c_str(), 0700);
-    mkdir((ProjectFolder() + "RecData/drvinfo.dat").c_str(), 0700);
-    server.Expect(0, plant.LoginRequest());
-    server.Send(0, plant.strLoginReply);
+// A driver file in the cache that cannot be written: a program that runs. Its bytes read as entries
+// of some kind.
+class CRunningFile {
+  public:
+    explicit CRunningFile(const std::string& strPath) {
+        const std::string strProgram = FileText("/bin/sleep");
+        std::ofstream(strPath, std::ios::binary) << strProgram;
+        nSize = static_cast<uint32_t>(strProgram.size());
+        chmod(strPath.c_str(), 0700);
+        int pipe[2];
+        EXPECT_EQ(pipe2(pipe, O_CLOEXEC), 0);
+        m_nChild = fork();
+        if (m_nChild == 0) {
+            execl(strPath.c_str(), "sleep", "60", nullptr);
+            _exit(1);
+        }
+        close(pipe[1]);
+        char c;
+        EXPECT_EQ(read(pipe[0], &c, 1), 0);  // ends when the program has started
+        close(pipe[0]);
+    }
+    ~CRunningFile() {
+        kill(m_nChild, SIGKILL);
+        waitpid(m_nChild, nullptr, 0);
+    }
+    uint32_t nSize;
+
+  private:
+    pid_t m_nChild;
+};
+
+TEST_F(Connecting, DriverFileThatCannotBeReplacedIsLoadedWhenItIsWhole) {
+    LogIn();
+    core->_Disconnect();
+    const CRunningFile file(ProjectFolder() + "RecData/drvinfo.dat");
+    plant.strDrvInfo = std::string(file.nSize, 'x');
     std::string strRequest;
-    server.Take(0, &strRequest);
-    server.Send(0, plant.DrvInfoReply());
+    OrderHellos(2);
+    OrderUser(2);
+    server.Take(2, &strRequest);
+    server.Send(2, "Size:" + Upper(file.nSize) + "\r\n\r\n");
     EXPECT_EQ(Connect(), kConnected);  // a file that cannot be written counts as not needed
+    EXPECT_FALSE(core->m_mapDrvInfos.empty());
+}
+
+TEST_F(Connecting, DriverFileThatCannotBeReplacedIsNotLoadedWhenItIsNot) {
+    LogIn();
+    core->_Disconnect();
+    const CRunningFile file(ProjectFolder() + "RecData/drvinfo.dat");
+    plant.strDrvInfo = std::string(file.nSize + 1, 'x');
+    std::string strRequest;
+    OrderHellos(2);
+    OrderUser(2);
+    server.Take(2, &strRequest);
+    server.Send(2, "Size:" + Upper(file.nSize + 1) + "\r\n\r\n");
+    EXPECT_EQ(Connect(), kConnected);
     EXPECT_TRUE(core->m_mapDrvInfos.empty());
+    EXPECT_EQ(core->_GetDriver("Boiler"), nullptr);
 }
 
 TEST_F(Connecting, TableReachesToTheHighestId) {

@@ -1,11 +1,22 @@
 #include "ScriptedSession.h"
 
 // The fixture comes first: it brings the interpreter's header.
+#include <dirent.h>
+#include <signal.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
+#include <mutex>
 #include <thread>
+
+#if defined(__SANITIZE_THREAD__)
+// The forked children here start threads, which the thread sanitizer has to be told.
+extern "C" const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
+#endif
 
 namespace {
 
@@ -139,7 +150,10 @@ TEST_F(Ending, LostRequestConnectionAloneDoesNotEndTheSession) {
 
 TEST_F(Ending, ResetCountsAsALoss) {
     // A server that closes with bytes unread resets the connection.
-    ASSERT_EQ(core->m_rcvSock._Send("x", 1, 0), 1);
+    {
+        std::lock_guard<std::mutex> op(core->m_opLock);
+        ASSERT_EQ(core->m_rcvSock._Send("x", 1, 0), 1);
+    }
     usleep(20000);
     server.Close(1);
     EXPECT_TRUE(WaitFor([&] { return Gone(); }));
@@ -360,6 +374,98 @@ TEST_F(Ending, LossesMeetReadsWithoutHarm) {
         EXPECT_TRUE(WaitFor([&] { return Gone(); }));
         ASSERT_TRUE(server.Done());
     }
+}
+
+// The single-tag requests keep the receive thread from closing the socket that they use.
+TEST_F(Ending, LossesMeetSingleRequestsWithoutHarm) {
+    core->_Disconnect();
+    for (size_t i = 1; i <= 20; ++i) {
+        const size_t nConn = 2 * i;
+        OrderHellos(nConn);
+        OrderUser(nConn);
+        ASSERT_EQ(Connect(), kConnected);
+        std::shared_ptr<CDBSession> pSession;
+        core->_GetDriver("Boiler", &pSession);
+        server.Close(nConn);  // each request fails at once
+        server.Close(nConn + 1);
+        WORD nId = 77;
+        while (!pSession->Ended()) {
+            EXPECT_FALSE(core->GetTagId(0, "A", &nId));
+            EXPECT_FALSE(core->UnadviseTag(1));
+        }
+        EXPECT_FALSE(core->GetTagId(0, "A", &nId));
+        EXPECT_FALSE(core->UnadviseTag(1));
+        EXPECT_EQ(nId, 77);
+        EXPECT_TRUE(WaitFor([&] { return Gone(); }));
+        ASSERT_TRUE(server.Done());
+    }
+}
+
+CDBDriver* s_pDriver = nullptr;
+std::string s_strRead;
+
+PyObject* ReadFromInside(PyObject*, PyObject*) {
+    s_strRead = ReprOf(s_pDriver->GetTagValue("T1"));
+    Py_RETURN_NONE;
+}
+
+PyMethodDef kReadDef = {"read", ReadFromInside, METH_VARARGS, nullptr};
+
+TEST_F(Ending, CallbackMayReadATag) {
+    Resolve(2);
+    Subscribe("T0", 1, Hex("03 00") + U32(1));
+    CPyRef fn(PyCFunction_New(&kReadDef, nullptr));
+    drv->SetCBFunc(fn);
+    s_pDriver = drv;
+    s_strRead.clear();
+    Push(Change(2));
+    OnRequest(Hex("48 01 00 00 00 01 00"), Hex("48 00 06 00 03 00 2A 00 00 00"));
+    EXPECT_TRUE(WaitFor([] { return !s_strRead.empty(); }));
+    EXPECT_EQ(s_strRead, "42");
+}
+
+// ---- Signals ------------------------------------------------------------------------------------
+
+void OnAlarm(int) {}
+
+TEST_F(Ending, SignalEndsTheWaitOfAReadAsAFailure) {
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = OnAlarm;
+    sigaction(SIGALRM, &action, &before);
+    Resolve(1);
+    itimerval soon{};
+    soon.it_value.tv_usec = 100000;
+    setitimer(ITIMER_REAL, &soon, nullptr);
+    const auto tStart = CClock::now();
+    EXPECT_EQ(ReprOf(drv->GetTagValue("T0")), "None");  // the server never answers
+    EXPECT_LT(Seconds(tStart), 2.0);
+    EXPECT_TRUE(core->m_bConnect);
+    sigaction(SIGALRM, &before, nullptr);
+}
+
+// Threads that block every signal that can be blocked, as the system tells their masks.
+int ThreadsWithoutSignals() {
+    int nThreads = 0;
+    DIR* pTasks = opendir("/proc/self/task");
+    while (const dirent* pTask = pTasks ? readdir(pTasks) : nullptr) {
+        std::ifstream status("/proc/self/task/" + std::string(pTask->d_name) + "/status");
+        for (std::string strLine; std::getline(status, strLine);) {
+            if (strLine.compare(0, 8, "SigBlk:\t") != 0) continue;
+            // SIGKILL and SIGSTOP cannot be; the two behind SIGSYS are the C library's own.
+            nThreads += (std::stoull(strLine.substr(8), nullptr, 16) & 0x7FFBFEFF) == 0x7FFBFEFF;
+        }
+    }
+    if (pTasks) closedir(pTasks);
+    return nThreads;
+}
+
+TEST_F(Ending, ReceiveThreadBlocksAllSignals) {
+    const int nWithSession = ThreadsWithoutSignals();
+    core->_Disconnect();
+    ASSERT_TRUE(Becomes(ReceiveThreads, 0));
+    usleep(10000);
+    EXPECT_EQ(nWithSession, ThreadsWithoutSignals() + 1);
 }
 
 // ---- Forked children ----------------------------------------------------------------------------

@@ -7,8 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "VzDBAccess/DBCore.h"
 #include "VzDBAccess/DBDriver.h"
@@ -137,6 +139,44 @@ TEST(Session, ParkAndEndNeverMissEachOther) {
         EXPECT_FALSE(bLateCall);
     }
     EXPECT_EQ(nParkedSeen + nGoneSeen, 500);
+}
+
+// Both at the same moment, over and over: the thread may not get leave to wait for the lock while
+// the ending takes it for one that is on its way out.
+TEST(Session, ParkAndEndAtTheSameMomentSeeEachOther) {
+    constexpr int kRounds = 100000;
+    std::vector<std::unique_ptr<CDBSession>> sessions;
+    for (int i = 0; i < kRounds; ++i) sessions.push_back(std::make_unique<CDBSession>(-1));
+    std::atomic<int> nReceiver{-1};
+    std::atomic<int> nEnding{-1};
+    // Comes to a round together with the other side.
+    const auto Meet = [](std::atomic<int>& nMine, const std::atomic<int>& nOther, int i) {
+        nMine = i;
+        for (int nSpins = 0; nOther < i; ++nSpins) {
+            if (nSpins > 1000) std::this_thread::yield();
+        }
+    };
+    std::vector<char> mayWait(kRounds);
+    std::thread receiver([&] {
+        for (int i = 0; i < kRounds; ++i) {
+            Meet(nReceiver, nEnding, i);
+            for (volatile int n = 0; n < i % 17; n = n + 1) {
+            }
+            mayWait[static_cast<size_t>(i)] = sessions[static_cast<size_t>(i)]->Park();
+        }
+    });
+    std::vector<char> seen(kRounds);
+    for (int i = 0; i < kRounds; ++i) {
+        Meet(nEnding, nReceiver, i);
+        for (volatile int n = 0; n < i % 13; n = n + 1) {
+        }
+        sessions[static_cast<size_t>(i)]->End();
+        seen[static_cast<size_t>(i)] = sessions[static_cast<size_t>(i)]->Parked();
+    }
+    receiver.join();
+    int nMissed = 0;
+    for (size_t i = 0; i < kRounds; ++i) nMissed += mayWait[i] && !seen[i];
+    EXPECT_EQ(nMissed, 0);
 }
 
 }  // namespace

@@ -126,7 +126,7 @@ TEST_F(TagSubscribe, FifteenEmptyChunksAreLetPass) {
 }
 
 TEST_F(TagSubscribe, SixteenEmptyChunksFail) {
-    OnRequest(Request(1), Repeat(Chunk(""), 16));
+    OnRequest(Request(1), Repeat(Chunk(""), 16) + Chunk(Int(1)));
     EXPECT_FALSE(drv->_ConnectTag("T0"));
 }
 
