@@ -289,14 +289,15 @@ def test_rights_are_those_of_the_latest_login(connect, script, host):
 # ---- credentials --------------------------------------------------------------------------------
 
 @pytest.mark.parametrize("user, password", [
-    ("u" * 253, ""), ("", "p" * 253), ("u" * 200, "p" * 53)])
+    ("u" * 253, ""), ("", "p" * 253), ("u" * 200, "p" * 53)], ids=["user", "password", "both"])
 def test_credentials_of_253_bytes_are_sent(connect, sent, host, user, password):
     assert connect(host, user, password) == -1
     assert sent("9") == [b"9" + user.encode() + b"\0" + password.encode() + b"\0"]
 
 
 @pytest.mark.parametrize("user, password", [
-    ("u" * 254, ""), ("", "p" * 254), ("u" * 200, "p" * 54), ("张" * 85, ""), ("u" * 70000, "p")])
+    ("u" * 254, ""), ("", "p" * 254), ("u" * 200, "p" * 54), ("张" * 85, ""), ("u" * 70000, "p")],
+    ids=["user", "password", "both", "utf8", "huge"])
 def test_longer_credentials_fail_before_the_login(connect, sent, host, user, password):
     assert connect(host, user, password) == -2
     assert [data[:1] for data in sent()] == [b"7", b"8"]
