@@ -1,11 +1,20 @@
-"""Starts the plant simulator on a free port, takes the tour there, and stops everything."""
+"""Starts the plant simulator on a free port, takes the tour there, watches it for a moment, and
+stops everything."""
 
 import os
+import shlex
 import subprocess
 import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
+
+
+def show(example, arguments, env):
+    """Run an example before the reader's eyes; returns its exit code."""
+    print("\n$ python3 examples/%s %s\n" % (example, " ".join(map(shlex.quote, arguments))),
+          flush=True)
+    return subprocess.call([sys.executable, os.path.join(HERE, example)] + arguments, env=env)
 
 
 def main():
@@ -17,9 +26,9 @@ def main():
         ready = plant.stdout.readline().strip()
         print(ready)
         host = ready.rsplit(" ", 1)[-1]
-        tour = [sys.executable, os.path.join(HERE, "tour.py"), host, "operator", "password"]
-        print("$ python3 examples/tour.py %s operator password\n" % host, flush=True)
-        return subprocess.call(tour, env=env)
+        login = [host, "operator", "password"]
+        return show("tour.py", login, env) or show(
+            "watch.py", login + ["Boiler", "Steam pressure,锅炉水位,Burner load", "5"], env)
     finally:
         plant.terminate()
         plant.wait()

@@ -44,20 +44,21 @@ def main(host, user, password):
     for name, driver in drivers.items():
         show(name, driver, TAGS[name])
 
-    boiler = drivers["Boiler"]
-    before = boiler.GetTagValue("Pressure setpoint")
-    target = 9.5 if before < 9.0 else 7.5
-    print("\nThe pressure setpoint goes from %.1f to %.1f bar; SetTagValue gave %d."
-          % (before, target, boiler.SetTagValue("Pressure setpoint", target)))
-    print("The pressure follows:")
-    for _ in range(5):
-        time.sleep(0.6)
-        setpoint, pressure = boiler.GetTagValue("Pressure setpoint,Steam pressure")
-        print("    setpoint %.1f bar, steam pressure %.2f bar" % (setpoint, pressure))
+    pumps = drivers["水泵"]
+    before = pumps.GetTagValue("Feed pump 1 speed setpoint")
+    target = 2400 if before > 2600 else 2900
+    result = pumps.SetTagValue("Feed pump 1 speed setpoint", target)
+    print("\nThe feed pump's speed setpoint goes from %d to %d rpm; SetTagValue gave %d."
+          % (before, target, result))
+    print("The speed follows:")
+    for _ in range(6):
+        time.sleep(0.8)
+        setpoint, speed = pumps.GetTagValue("Feed pump 1 speed setpoint,Feed pump 1 speed")
+        print("    setpoint %d rpm, speed %d rpm" % (setpoint, speed))
 
     del db
     try:
-        boiler.GetTagValue("Steam pressure")
+        pumps.GetTagValue("Feed pump 1 speed")
     except RuntimeError as error:
         print("\nDisconnected. The driver says: %s" % error)
 

@@ -33,6 +33,7 @@ constexpr char kBadProjectName[] = "invalid project name";
 bool OpenChannel(CScnSocket& sock, const CHostAddress& address) {
     if (!sock.Create(0, SOCK_STREAM, nullptr, FALSE)) return false;
     sock.SetKeepAlive();
+    sock.SetNoDelay();
     // Set before connect too: a silent host then costs the time-out and not minutes.
     sock.SetTimeOut(address.nTimeOutMs);
     return sock._Connect(address.strHost, address.nPort) != FALSE;

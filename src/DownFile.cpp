@@ -220,8 +220,8 @@ int ReadHttpCont(const char* szHttpCont, int& nPos, int nLen, char* var, int var
 }
 
 int GetFileInfoByBuf(const char* buf, int nLen, SCFileInfo& fi) {
-    char szName[kMaxNameBytes + 1];
-    char szValue[kMaxValueBytes + 1];
+    char szName[kMaxNameBytes + 1] = {};
+    char szValue[kMaxValueBytes + 1] = {};
     int nPos = 0;
     while (ReadHttpCont(buf, nPos, nLen, szName, kMaxNameBytes, szValue, kMaxValueBytes))
         SetField(szName, szValue, fi);

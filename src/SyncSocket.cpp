@@ -246,3 +246,5 @@ bool CSyncSocket::SetKeepAlive() {
            SetIntOption(m_hSocket, IPPROTO_TCP, TCP_KEEPINTVL, kKeepIntervalSeconds) &&
            SetIntOption(m_hSocket, IPPROTO_TCP, TCP_KEEPCNT, kKeepProbes);
 }
+
+bool CSyncSocket::SetNoDelay() { return SetIntOption(m_hSocket, IPPROTO_TCP, TCP_NODELAY, 1); }

@@ -7,5 +7,7 @@ from .cli import main
 
 status = main()
 sys.stdout.flush()
-# The control thread may be waiting on standard input; nothing is left to clean up behind it.
-os._exit(status) if "--control" in sys.argv else sys.exit(status)
+if "--control" in sys.argv:
+    # The control thread may hold the lock of standard input, which a normal exit would wait for.
+    os._exit(status)
+sys.exit(status)

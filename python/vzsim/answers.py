@@ -151,7 +151,8 @@ def describe(plant: Plant, request: Any) -> str:
 
 
 def _text(data: bytes) -> str:
-    return data.decode("gb2312", "replace")
+    text = data.decode("gb2312", "replace")
+    return "".join(c if c.isprintable() else "\\x%02x" % ord(c) for c in text)
 
 
 def _driver(plant: Plant, driver: int) -> str:

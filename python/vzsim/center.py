@@ -70,8 +70,7 @@ def open_link(client: Any, target: Tuple[str, int], hello: bytes, refusal: bytes
     be reached it is answered ``refusal``.
     """
     client.hold()
-    task = client.loop.create_task(_open(client, target, hello, refusal))
-    client.opening = task  # a task nobody holds may vanish
+    client.opening = client.loop.create_task(_open(client, target, hello, refusal))
 
 
 async def _open(client: Any, target: Tuple[str, int], hello: bytes, refusal: bytes) -> None:

@@ -46,6 +46,8 @@ class Channel:
 
     def send(self, *steps: Step) -> None:
         """Queue steps behind those already there."""
+        if self.sock is None:
+            return
         for step in steps:
             if isinstance(step, (bytes, memoryview)):
                 if not step:
@@ -169,6 +171,16 @@ class Channel:
             return "%s:%d" % self.sock.getpeername()[:2]
         except (OSError, AttributeError):
             return "gone"
+
+
+def finish(loop: asyncio.AbstractEventLoop) -> None:
+    """Cancel what still waits on a loop that has been stopped, and close the loop."""
+    waiting = asyncio.all_tasks(loop)
+    for task in waiting:
+        task.cancel()
+    if waiting:
+        loop.run_until_complete(asyncio.gather(*waiting, return_exceptions=True))
+    loop.close()
 
 
 def listen(host: str, port: int) -> socket.socket:

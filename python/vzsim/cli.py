@@ -8,6 +8,7 @@ import sys
 from typing import Any, Dict, List, Optional
 
 from . import control, plantfile
+from .channel import finish
 from .controller import Controller
 from .plant import Plant
 from .server import Server
@@ -84,5 +85,5 @@ def main(arguments: Optional[List[str]] = None) -> int:
     print("vzsim: %s listening on %s:%d" % (spec.name, options.host, server.port), flush=True)
     loop.run_forever()
     server.close()
-    loop.close()
+    finish(loop)
     return 0

@@ -49,6 +49,7 @@ class Tag:
         self.signal = signals.Constant(spec.value)
         self.limits = []  # type: List[Limit]
         self.pushable = values.has_payload(spec.vt)
+        self.payload = None  # type: Optional[bytes]
         self.ends_chunk = spec.vt == values.ARRAY
         self.store(spec.value)
 
@@ -58,7 +59,7 @@ class Tag:
         payload = values.encode_payload(self.vt, value)
         if len(payload) + 2 > values.MAX_ENCODED:
             raise ValueError("a value of %d bytes is too long" % len(payload))
-        changed = payload != getattr(self, "payload", None)
+        changed = payload != self.payload
         self.value, self.payload = value, payload
         return changed
 
@@ -139,6 +140,8 @@ class Plant:
         Returns whether the value differs and the alarms it raised or cleared. ValueError: the
         value does not suit the tag, nothing changed.
         """
+        if not tag.pushable and not tag.ends_chunk:
+            raise ValueError("tag %s is of a type that holds no value" % tag.name)
         changed = tag.store(value)
         if hold:
             self._stop(tag)
@@ -254,6 +257,10 @@ class Plant:
                 continue
             if isinstance(tag.value, (str, bytes, list, type(None))):
                 raise plantfile.PlantError("%s.alarms: the tag holds no number" % spec.where)
+            if len(tag.wire_name) > files.MAX_LIST_LINE:
+                raise plantfile.PlantError("%s.alarms: the tag's name is longer than %d bytes, "
+                                           "a line of the alarm tag list"
+                                           % (spec.where, files.MAX_LIST_LINE))
             for limit in spec.limits:
                 tag.limits.append(Limit(limit, len(self.tag_list), self._text(limit.text),
                                         self._text(limit.group)))

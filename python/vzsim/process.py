@@ -127,6 +127,7 @@ def _environment() -> Dict[str, str]:
     paths = [here] + [p for p in [environment.get("PYTHONPATH")] if p]
     environment["PYTHONPATH"] = os.pathsep.join(paths)
     environment["PYTHONIOENCODING"] = "utf-8"
+    environment.pop("LD_PRELOAD", None)  # what is preloaded is meant for the client under test
     return environment
 
 

@@ -15,6 +15,8 @@ from .plant import Event, Plant, Tag
 
 RELAY_PORT = 3968        # clients use the relay form of the login hello on this port alone
 MAX_BACKLOG = 1 << 20    # queued bytes at which a channel gets no more signal changes
+SUBSCRIBE_LEAD = 0.01    # seconds; a change is of no use to a client before it has the reply
+SEND_PAUSE = 0.001       # seconds between two sends of one push, so they stay two receives
 _KEPT_REQUESTS = 200000
 
 
@@ -27,6 +29,7 @@ class Connection(Channel):
         self.channel = "request"
         self.session = None  # type: Optional[Session]
         self.link = None  # type: Optional[center.Link]
+        self.opening = None  # type: Optional[asyncio.Task[None]]  # connects the link
         self.address = self.peer()
         self._buffer = bytearray()
         self._awaited = False   # an acknowledgement is due
@@ -104,6 +107,8 @@ class Connection(Channel):
     def ended(self) -> None:
         if self._buffer:
             self.server.record(self, bytes(self._buffer))
+        if self.opening is not None:
+            self.opening.cancel()
         if self.link is not None:
             self.link.close()
         self.server.forget(self)
@@ -235,6 +240,8 @@ class Server:
             result = self._receive_hello(connection, request)
         else:
             result = answer(self.plant, connection.session, request)
+            if isinstance(request, requests.Subscribe):
+                self._let_reply_lead(connection.session)
         if fault is None:
             self._send(connection, result.data, result.acknowledged)
         else:
@@ -246,6 +253,12 @@ class Server:
             connection.end(outcome.then)
         if result.changed or result.events:
             self.push(result.changed, result.events)
+
+    @staticmethod
+    def _let_reply_lead(session: Optional[Session]) -> None:
+        """Hold pushes back a little, so a subscription's reply is there before its changes."""
+        if session is not None and session.notify is not None:
+            session.notify.send(SUBSCRIBE_LEAD)
 
     @staticmethod
     def _send(connection: Connection, data: bytes, acknowledged: bool) -> None:
@@ -322,7 +335,9 @@ class Server:
             if session.relay is not None or connection.queued > MAX_BACKLOG:
                 continue
             wanted = [frame for key, frame in changes if key in session.tags]
-            connection.send(*frames.pack_sends(wanted + (alarms if session.alarms else [])))
+            for i, send in enumerate(frames.pack_sends(
+                    wanted + (alarms if session.alarms else []))):
+                connection.send(*([SEND_PAUSE, send] if i else [send]))
 
     # ---- records ------------------------------------------------------------------------------
 

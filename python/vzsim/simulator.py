@@ -5,6 +5,7 @@ import threading
 from typing import Any, Callable, Dict, Optional, Union
 
 from . import plantfile
+from .channel import finish
 from .controller import Controller
 from .operations import Operations
 from .plant import Plant
@@ -62,7 +63,7 @@ class Simulator(Operations):
         self._loop.call_soon_threadsafe(self._server.close)
         self._loop.call_soon_threadsafe(self._loop.stop)
         thread.join()
-        self._loop.close()
+        finish(self._loop)
 
     def __enter__(self) -> "Simulator":
         return self

@@ -30,7 +30,9 @@ class CConverter {
     CConverter& operator=(const CConverter&) = delete;
 
     // False when the system has no such converter; errno says why.
-    bool IsOpen() const { return m_cd != reinterpret_cast<iconv_t>(-1); }
+    bool IsOpen() const {
+        return m_cd != reinterpret_cast<iconv_t>(-1);  // NOLINT(performance-no-int-to-ptr)
+    }
 
     // Converts nIn bytes in one call to pOut, which has room for nLeft bytes; nLeft becomes the
     // room that is left. False with errno set when the input is not used up: what was converted
@@ -53,6 +55,19 @@ class CConverter {
   private:
     iconv_t m_cd;
 };
+
+// Whether all bytes are ASCII: such a text is the same in GB2312 and UTF-8.
+bool IsAscii(const char* p, size_t nLen) {
+    constexpr uint64_t kHighBits = 0x8080808080808080;
+    uint64_t nSeen = 0;
+    for (; nLen >= sizeof nSeen; p += sizeof nSeen, nLen -= sizeof nSeen) {
+        uint64_t nBytes;
+        std::memcpy(&nBytes, p, sizeof nBytes);
+        nSeen |= nBytes;
+    }
+    for (; nLen > 0; ++p, --nLen) nSeen |= static_cast<BYTE>(*p);
+    return (nSeen & kHighBits) == 0;
+}
 
 bool IsInSet(LPCTSTR pSet, char ch) { return std::strchr(pSet, ch) != nullptr; }
 
@@ -184,6 +199,10 @@ void CString::ToUtf8(CString& strUtf8) const { ::ToUtf8(c_str(), strUtf8, GetLen
 
 void CString::FromUtf8(const char* szUtf8, size_t len) {
     Empty();
+    if (IsAscii(szUtf8, len)) {  // nearly every name: opening a converter costs far more
+        assign(szUtf8, len);
+        return;
+    }
     const CConverter converter("GB2312", "UTF-8");
     if (!converter.IsOpen()) {
         perror("FromUtf8:iconv_open:");
@@ -222,12 +241,16 @@ bool operator==(const std::string& str1, const CString& str2) { return str2 == s
 
 void ToUtf8(const char* szInBuf, CString& strUtf8, size_t inlen) {
     strUtf8.Empty();
+    if (inlen == 0) inlen = std::strlen(szInBuf);
+    if (IsAscii(szInBuf, inlen)) {
+        strUtf8.assign(szInBuf, inlen);
+        return;
+    }
     const CConverter converter("UTF-8", "GB2312");
     if (!converter.IsOpen()) {
         perror("ToUtf8:iconv_open:");
         return;
     }
-    if (inlen == 0) inlen = std::strlen(szInBuf);
     converter.ConvertInto(strUtf8, szInBuf, inlen, 2 * inlen, "ToUtf8:iconv:");
 }
 

@@ -80,7 +80,8 @@ class Script:
 
     def result(self, timeout=None):
         """The result of the code started last."""
-        ready, _, _ = select.select([self.process.stdout], [], [], timeout or self.timeout)
+        wait = timeout * TIME_SCALE if timeout else self.timeout
+        ready, _, _ = select.select([self.process.stdout], [], [], wait)
         if not ready:
             self.process.send_signal(signal.SIGABRT)
             self._collect()

@@ -101,6 +101,10 @@ def test_an_array_whose_count_exceeds_its_bytes_is_truncated_before_reading():
         values.decode(b"\x00\x20\xff\xff" + b"\0\0" * 3)
 
 
+def test_an_empty_text_at_the_very_beginning_is_a_value():
+    assert values.decode(b"\0", 0, values.STR) == (values.STR, b"", 1)
+
+
 def test_any_nonzero_byte_is_true():
     assert values.decode(b"\x0b\0\x07") == (values.BOOL, True, 3)
 

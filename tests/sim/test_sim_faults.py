@@ -142,7 +142,7 @@ def test_a_scripted_notification_reply_can_be_scrambled_or_raw(sim):
 
 
 def test_split_sends_the_reply_in_pieces(client, sim):
-    sim.fault("H", "split", sizes=[1, 3], pause=0.05)
+    sim.fault("H", "split", sizes=[1, 3], pause=0.1)
     client.request.sendall(READ)
     assert [client.request.recv(100) for _ in range(4)] == [
         REPLY[:1], REPLY[1:4], REPLY[4:7], REPLY[7:]]

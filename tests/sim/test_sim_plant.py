@@ -119,6 +119,8 @@ def test_an_unreadable_file_is_one_line_that_names_it(tmp_path, name, text):
     (with_tag(type="i2", follows="x", tau=1), "follows: no tag 'x'"),
     (with_tag(type="i2", follows="x", tau=0), "tau: must be greater than 0"),
     (with_tag(type="i2", alarms=[{"text": "a", "group": "b"}]), "alarms[0]: needs exactly one"),
+    (with_tag(type="i2", name="n" * 256, alarms=[{"high": 1, "text": "a", "group": "b"}]),
+     "alarms: the tag's name is longer than 255 bytes"),
     (with_tag(type="str", alarms=[{"high": 1, "text": "a", "group": "b"}]), "holds no number"),
 ])
 def test_a_wrong_plant_is_told_by_key(plant, text):
@@ -131,7 +133,69 @@ def test_limits_of_names_and_values_are_still_accepted():
     run(with_tag(type="str", value="x" * 4093))
     run(with_tag(type="i2", value=32767))
     run(with_tag(type="i2", name="n" * 764))
+    run(with_tag(type="i2", name="n" * 255, alarms=[{"high": 1, "text": "a", "group": "b"}]))
     run({"name": "p", "drivers": [{"name": "D", "id": 65534}]})
+
+
+def test_the_limits_of_every_number_hold_on_both_sides():
+    def alarm(level):
+        return with_tag(type="i2", alarms=[
+            {"high": 1, "text": "t" * 255, "group": "g", "level": level}])
+
+    def refused(plant):
+        with pytest.raises(PlantError):
+            run(plant)
+        return True
+    for level in (0, 255):
+        run(alarm(level))
+    assert refused(alarm(-1)) and refused(alarm(256))
+    for number in (0, 2 ** 32 - 1):
+        run({"name": "p", "file_time": number, "users": [{"name": "u", "rights": number}]})
+    for number in (-1, 2 ** 32):
+        assert refused({"name": "p", "file_time": number})
+        assert refused({"name": "p", "users": [{"name": "u", "rights": number}]})
+    run({"name": "p", "alarm_texts": ["t" * 255]})
+    assert refused({"name": "p", "alarm_texts": ["t" * 256]})
+    run({"name": "p", "center": {"X": "127.0.0.1:65535"}})
+    assert refused({"name": "p", "center": {"X": "127.0.0.1:65536"}})
+    assert run({"name": "p", "tick": 0}).spec.tick == 0
+
+
+def test_a_driver_has_at_most_65535_tags():
+    def tags(count):
+        return [{"name": "t%d" % i, "type": "null"} for i in range(count)]
+    plantfile.load({"name": "p", "drivers": [{"name": "D", "tags": tags(65535)}]})
+    with pytest.raises(PlantError):
+        plantfile.load({"name": "p", "drivers": [{"name": "D", "tags": tags(65536)}]})
+
+
+def test_project_and_title_may_be_empty_and_default_to_the_name():
+    spec = plantfile.load({"name": "p"})
+    assert (spec.project, spec.title) == ("p", "p")
+    spec = plantfile.load({"name": "p", "project": "", "title": ""})
+    assert (spec.project, spec.title) == ("", "")
+
+
+def test_an_alarm_has_level_1_unless_told():
+    plant = run(with_tag(type="i2", value=2, alarms=[{"high": 1, "text": "t", "group": "g"}]))
+    assert [alarm.level for alarm in plant.active_alarms()] == [1]
+
+
+def test_a_low_alarm_clears_at_its_limit_plus_hysteresis():
+    plant = run(with_tag(type="r8", value=20.0, alarms=[
+        {"low": 10, "text": "t", "group": "g", "hysteresis": 2}]))
+    tag = plant.find("D", "t")
+    found = [len(plant.write(tag, value)[1]) for value in (10, 9.9, 11.9, 12, 10)]
+    assert found == [0, 1, 0, 1, 0]
+
+
+def test_a_text_is_taken_up_to_what_fits_into_a_chunk():
+    plant = run(with_tag(type="str"))
+    tag = plant.find("D", "t")
+    plant.write(tag, "x" * 4093)
+    with pytest.raises(ValueError):
+        plant.write(tag, "y" * 4094)
+    assert tag.value == "x" * 4093
 
 
 def test_fixed_alarm_texts_keep_their_places():
@@ -153,6 +217,46 @@ def test_a_constant_stays():
 def test_a_ramp_rises_and_starts_again():
     assert values_of({"kind": "ramp", "low": 0, "high": 10, "period": 4}, 1.0, 5) == [
         2.5, 5.0, 7.5, 0.0, 2.5]
+
+
+def test_a_ramp_may_begin_anywhere_and_fall():
+    assert values_of({"kind": "ramp", "low": 20, "high": 10, "period": 4}, 1.0, 4) == [
+        17.5, 15.0, 12.5, 20.0]
+    signal = signals.build({"kind": "ramp", "low": 20, "high": 10, "period": 4})
+    signal.write(15.0)
+    assert signal.step(1.0, 1.0) == pytest.approx(12.5)
+
+
+def test_a_sine_begins_at_its_phase():
+    sine = {"kind": "sine", "mean": 1, "amplitude": 2, "period": 4, "phase": 1.5707963267948966}
+    assert signals.build(sine).value == pytest.approx(3.0)
+    assert values_of(sine, 1.0, 2) == pytest.approx([1.0, -1.0])
+
+
+def test_a_walk_may_start_at_its_limits_and_not_beyond():
+    walk = {"kind": "walk", "stride": 1, "low": 0, "high": 10}
+    for start in (0, 10):
+        signals.build(dict(walk, start=start))
+    for start in (-1, 11):
+        with pytest.raises(signals.SignalError):
+            signals.build(dict(walk, start=start))
+
+
+def test_one_step_of_a_walk_is_at_most_its_stride():
+    first = values_of({"kind": "walk", "start": 500, "stride": 3, "low": 0, "high": 1000}, 1.0, 99)
+    steps = [b - a for a, b in zip([500] + first, first)]
+    assert max(map(abs, steps)) <= 3 and min(steps) < -1 and max(steps) > 1
+
+
+def test_a_counter_shows_the_value_it_wraps_at():
+    assert values_of({"kind": "counter", "start": 5, "wrap": 7}, 1.0, 4) == [6, 7, 5, 6]
+
+
+def test_a_follower_starts_at_its_goal_and_its_noise_stays_within_bounds():
+    signal = signals.Follow(lambda: 10.0, tau=1.0, gain=2.0, offset=1.0, noise=0.5, seed=3)
+    assert signal.value == 21.0
+    found = [signal.step(float(i), 1.0) for i in range(200)]
+    assert min(found) >= 20.5 and max(found) <= 21.5 and max(found) - min(found) > 0.8
 
 
 def test_a_written_ramp_goes_on_from_there():

@@ -34,12 +34,12 @@ def outcome(*arguments):
 
 
 def gone(pid):
-    """Whether no process of that id is left."""
+    """Whether no process of that id runs any more (its parent may not have noticed yet)."""
     try:
-        os.kill(pid, 0)
-    except ProcessLookupError:
+        with open("/proc/%d/stat" % pid) as stream:
+            return stream.read().rpartition(")")[2].split()[0] == "Z"
+    except FileNotFoundError:
         return True
-    return False
 
 
 def wait_gone(pid):
@@ -128,6 +128,13 @@ def test_the_log_tells_each_request_in_words(process):
                  "- connection ended\n"):
         assert text in log
     assert re.search(r"^\d\d:\d\d:\d\d\.\d\d\d #1 127\.0\.0\.1:\d+ 7 login", log)
+
+
+def test_a_request_never_spreads_over_two_lines_of_the_log(process):
+    with Client(process.port) as client:
+        client.log_in(b"a\nb\x1b", b"")
+    process.wait_clients(0, channel="request")
+    assert "9 login of user a\\x0ab\\x1b\n" in process.log()
 
 
 def test_passwords_are_not_logged(process):

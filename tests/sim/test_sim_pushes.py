@@ -7,6 +7,8 @@ import pytest
 
 from conftest import small_plant
 from vzsim import Simulator
+from vzsim.channel import Channel
+from vzsim.server import SEND_PAUSE
 from wire_client import Client, take
 
 BOILER = 7
@@ -76,6 +78,39 @@ def test_signals_push_by_themselves_while_the_clock_runs():
     assert values == sorted(set(values)) and len(values) == 5
 
 
+def test_the_clock_of_the_signals_is_the_clock_on_the_wall():
+    tags = [{"name": "fast", "type": "i4", "signal": {"kind": "counter", "every": 0.01}},
+            {"name": "slow", "type": "i4", "signal": {"kind": "counter", "every": 600.0}}]
+    plant = small_plant(drivers=[{"name": "D", "tags": tags}])
+    with Simulator(plant, tick=0.01) as sim, Client(sim.port) as client:
+        client.log_in()
+        client.subscribe((0, 0))
+        begin = time.monotonic()
+        take(client.notify, 8)
+        first = sim.get_value("D", "fast")
+        take(client.notify, 8 * 20)
+        counted = sim.get_value("D", "fast") - first
+        assert counted <= (time.monotonic() - begin) / 0.01 + 2
+        assert sim.get_value("D", "slow") == 0
+
+
+def test_a_channel_that_does_not_read_is_spared_further_changes_of_signals():
+    tags = [{"name": "n", "type": "i4", "signal": {"kind": "counter"}}]
+    with Simulator(small_plant(drivers=[{"name": "D", "tags": tags}]), tick=0) as sim, \
+            Client(sim.port) as deaf, Client(sim.port) as client:
+        for one in (deaf, client):
+            one.log_in()
+        deaf.subscribe((0, 0))
+        sim.push_raw(bytes(20 << 20))  # more than the sockets take, and a megabyte besides
+        take(client.notify, 20 << 20)
+        client.subscribe((0, 0))
+        sim.step(1.0)
+        assert take(client.notify, 8) == b"\0\0\0\0\x01\0\0\0"
+        take(deaf.notify, 20 << 20)
+        sim.step(1.0)
+        assert take(deaf.notify, 8) == b"\0\0\0\0\x02\0\0\0"
+
+
 def test_one_step_pushes_all_its_changes_in_sends_of_whole_frames():
     tags = [{"name": "t%d" % i, "type": "i4", "signal": {"kind": "counter"}} for i in range(600)]
     with Simulator(small_plant(drivers=[{"name": "D", "tags": tags}]), tick=0) as sim, \
@@ -89,6 +124,32 @@ def test_one_step_pushes_all_its_changes_in_sends_of_whole_frames():
     assert data == b"".join(struct.pack("<HHi", 0, i, 1) for i in range(600))
 
 
+def test_the_sends_of_one_step_are_whole_frames_with_pauses_between(monkeypatch):
+    steps = []
+    send = Channel.send
+    monkeypatch.setattr(Channel, "send", lambda self, *given: (
+        steps.extend(given), send(self, *given)))
+    tags = [{"name": "t%d" % i, "type": "str", "signal": {
+        "kind": "text", "texts": ["x", "y" * 99]}} for i in range(40)]  # 104 bytes a frame
+    with Simulator(small_plant(drivers=[{"name": "D", "tags": tags}]), tick=0) as sim, \
+            Client(sim.port) as client:
+        client.log_in()
+        client.subscribe(*[(0, i) for i in range(40)])
+        del steps[:]
+        sim.step(1.0)
+        assert [len(step) if isinstance(step, bytes) else step for step in steps] == [
+            19 * 104, SEND_PAUSE, 19 * 104, SEND_PAUSE, 2 * 104]
+        assert take(client.notify, 4160) == b"".join(
+            struct.pack("<HH", 0, i) + b"y" * 99 + b"\0" for i in range(40))
+
+
+def test_a_change_does_not_overtake_the_reply_to_its_subscription(client, sim):
+    begin = time.monotonic()
+    client.request.sendall(b"b\x01\0\0\0\x01\0\0" b"g\x01\0\0\0\x01\0\x03\0\x07\0\0\0")
+    assert client.notify.recv(100) == b"\0\0\x01\0\x07\0\0\0"
+    assert time.monotonic() - begin >= 0.01
+
+
 def test_raw_bytes_reach_every_channel_as_one_send(client, sim):
     with Client(sim.port) as other:
         other.log_in()
@@ -98,7 +159,7 @@ def test_raw_bytes_reach_every_channel_as_one_send(client, sim):
 
 
 def test_raw_bytes_in_pieces_of_given_sizes(client, sim):
-    sim.push_raw(b"abcdefg", sends=[1, 2], pause=0.05)
+    sim.push_raw(b"abcdefg", sends=[1, 2], pause=0.1)
     assert [client.notify.recv(100) for _ in range(4)] == [b"a", b"bc", b"de", b"fg"]
     with pytest.raises(ValueError):
         sim.push_raw(b"abc", sends=[0])
@@ -120,6 +181,18 @@ def test_a_series_is_complete_and_in_order(client, sim):
     assert sim.push_series("Types", "i4", 5000, first=10) == 1
     data = take(client.notify, 8 * 5000)
     assert [value for _, _, value in struct.iter_unpack("<HHi", data)] == list(range(10, 5010))
+
+
+def test_a_series_is_cut_into_sends_as_ordered(monkeypatch, client, sim):
+    steps = []
+    send = Channel.send
+    monkeypatch.setattr(Channel, "send", lambda self, *given: (
+        steps.extend(given), send(self, *given)))
+    sim.push_series("Types", "i4", 3, frames_per_send=1, pause=0.001)
+    assert [len(s) if isinstance(s, bytes) else s for s in steps] == [8, 0.001, 8, 0.001, 8]
+    del steps[:]
+    sim.push_series("Types", "i4", 300, frames_per_send=1000)
+    assert [len(step) for step in steps] == [2048, 352]
 
 
 def test_a_client_that_does_not_read_loses_no_bytes_of_a_long_series(client, sim):

@@ -93,7 +93,13 @@ def test_an_unknown_code_is_an_error(wire):
         requests.parse(wire)
 
 
+def test_the_offer_of_acknowledgements_begins_with_yes_in_any_case():
+    for value, offered in ((b"yes please", True), (b" YES", True), (b"Ye", False), (b"No", False)):
+        assert requests.parse(b"4f\r\nhello:" + value + b"\r\n\r\n")[0].hello is offered
+
+
 def test_a_request_without_an_end_is_an_error_at_its_limit():
+    assert requests.MAX_REQUEST == 65536
     assert requests.parse(b"4" + b"x" * (requests.MAX_REQUEST - 2)) is None
     with pytest.raises(requests.ProtocolError):
         requests.parse(b"4" + b"x" * (requests.MAX_REQUEST - 1))

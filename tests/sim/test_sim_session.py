@@ -1,6 +1,7 @@
 """A client's way through a session: hellos, login, paths, lookup, read, subscribe, write."""
 
 import struct
+import threading
 
 import pytest
 
@@ -42,6 +43,44 @@ def test_the_notification_reply_tells_project_title_and_driver_file(sim):
 def test_a_notification_hello_of_an_unknown_session_is_refused(sim):
     with Client(sim.port) as client:
         assert client.open_notify() == b"0"
+
+
+def test_a_session_lives_as_long_as_one_of_its_channels(sim):
+    with Client(sim.port) as client:
+        client.log_in()
+        client.notify.close()
+        sim.wait_clients(0)
+        assert client.open_notify()[:1] == b"8"
+        client.request.close()
+        sim.wait_clients(0, channel="request")
+        client.notify.close()
+        sim.wait_clients(0)
+        assert client.open_notify() == b"0"
+
+
+def test_a_session_without_a_notification_channel_may_subscribe(sim):
+    with Client(sim.port) as client:
+        client.hello()
+        client.ask(b"9operator\0secret\0")
+        assert client.subscribe((0, 1)) == b"\x03\0\x02\x01\0\0"
+        assert client.lookup(0, "i4") == [1]
+
+
+def test_waiting_for_clients_ends_when_they_come(sim):
+    with Client(sim.port) as client:
+        late = threading.Timer(0.1, client.log_in)
+        late.start()
+        sim.wait_clients(1)
+        late.join()
+        assert sim.client_count() == 1
+
+
+def test_waiting_for_requests_ends_when_they_come(sim):
+    with Client(sim.port) as client:
+        late = threading.Timer(0.1, client.hello)
+        late.start()
+        assert sim.wait_requests(1)[0][2][:1] == b"7"
+        late.join()
 
 
 def test_a_user_with_the_right_password_gets_its_rights_word(sim):
@@ -129,7 +168,7 @@ def test_an_array_ends_the_chunk_that_holds_it(client):
 
 
 def test_unknown_tags_are_answered_as_empty_values(client):
-    assert client.read((0, 99), (9, 0), (0, 0)) == [b"\0\0\0\0\x02\0\xfe\xff"]
+    assert client.read((0, 19), (9, 0), (0, 0)) == [b"\0\0\0\0\x02\0\xfe\xff"]
 
 
 def test_a_long_read_comes_in_chunks_cut_between_values(client):
@@ -184,6 +223,7 @@ def test_a_write_that_does_not_suit_its_tag_is_left_out(client, sim):
     client.write(0, 0, b"\x03\0\xff\xff\x7f\0")  # too large for i2
     client.write(0, 1, b"\x08\0word\0")          # no number
     client.write(9, 9, b"\x03\0\0\0\0\0")        # no such tag
+    client.write(0, 16, b"\x03\0\0\0\0\0")       # a tag without a value
     client.read((0, 0))
     assert (sim.get_value(0, 0), sim.get_value(0, 1)) == (-2, 258)
 

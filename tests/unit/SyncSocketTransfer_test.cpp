@@ -352,6 +352,19 @@ TEST(SyncSocketRecvTimeOut, OfTheLongestTimeIsNoError) {
     EXPECT_TRUE(near.SendTimeOut("x", 1, LONG_MAX));
 }
 
+TEST(SyncSocketRecvTimeOut, ATimeBeyondAnIntIsNotCutToNothing) {
+    if (sizeof(long) == sizeof(int)) GTEST_SKIP();
+    CSyncSocket near;
+    CLoopbackPeer far(near);
+    std::thread sender([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        far.Say("x");
+    });
+    char c;
+    EXPECT_EQ(near.RecvTimeOut(&c, 1, static_cast<long>(0x100000000)), 1);
+    sender.join();
+}
+
 TEST(SyncSocketRecvTimeOut, WithoutAnOpenDescriptorFailsAtOnce) {
     const int fd = dup(STDOUT_FILENO);
     close(fd);

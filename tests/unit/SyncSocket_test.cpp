@@ -480,4 +480,10 @@ TEST_F(SyncSocketOptions, KeepAliveFindsACutCableWithinTwoMinutes) {
     EXPECT_EQ(IntOption(m_sock, IPPROTO_TCP, TCP_KEEPCNT), 3);
 }
 
+TEST_F(SyncSocketOptions, NoDelaySendsAtOnce) {
+    EXPECT_EQ(IntOption(m_sock, IPPROTO_TCP, TCP_NODELAY), 0);
+    EXPECT_TRUE(m_sock.SetNoDelay());
+    EXPECT_NE(IntOption(m_sock, IPPROTO_TCP, TCP_NODELAY), 0);
+}
+
 }  // namespace

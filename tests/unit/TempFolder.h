@@ -1,15 +1,16 @@
 // A folder that lives as long as a test, and small things around files.
 #pragma once
 
+#include <fcntl.h>
 #include <ftw.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utime.h>
 
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 class CTempFolder {
@@ -31,11 +32,16 @@ class CTempFolder {
     void Put(const std::string& strName, const std::string& strBytes) const {
         std::ofstream(Path(strName), std::ios::binary) << strBytes;
     }
-    // The whole file; "(none)" when there is none.
+    // The whole file, its access time untouched; "(none)" when there is none.
     std::string Get(const std::string& strName) const {
-        std::ifstream in(Path(strName), std::ios::binary);
-        if (!in) return "(none)";
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        const int fd = open(Path(strName).c_str(), O_RDONLY | O_NOATIME | O_CLOEXEC);
+        if (fd == -1) return "(none)";
+        std::string strBytes;
+        char buf[4096];
+        for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;)
+            strBytes.append(buf, static_cast<size_t>(n));
+        close(fd);
+        return strBytes;
     }
     bool Has(const std::string& strName) const {
         struct stat st;

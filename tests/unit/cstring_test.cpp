@@ -681,8 +681,8 @@ void ConvertWithoutConverters() {
     size_t nUnits = 99;
     const bool bNull = ToUtf16("a", nUnits, 0) == nullptr;
     CString strUtf8("stale"), strGb("stale"), strOf16("stale");
-    ToUtf8("a", strUtf8, 0);
-    strGb.FromUtf8("a", 1);
+    ToUtf8("\xCB\xAE", strUtf8, 0);
+    strGb.FromUtf8("\xE6\xB0\xB4", 3);
     strOf16.FromUtf16(kUtf16, 2);
     const bool bEmpty = strUtf8.IsEmpty() && strGb.IsEmpty() && strOf16.IsEmpty();
     _exit(bNull && nUnits == 0 && bEmpty ? 0 : 1);
@@ -695,6 +695,33 @@ TEST(CodePagesDeathTest, WithoutAConverterResultsAreEmptyAndTheErrorsPrinted) {
                 "ToUtf8:iconv_open:: [^\n]+\n"
                 "FromUtf8:iconv_open:: [^\n]+\n"
                 "FromUtf16:iconv_open: [^\n]+\n");
+}
+
+// ASCII is the same in both code pages, so names of it need no converter.
+void ConvertAsciiWithoutConverters() {
+    const struct rlimit none = {0, 0};
+    setrlimit(RLIMIT_NOFILE, &none);
+    CString strUtf8("stale"), strGb("stale");
+    ToUtf8("pressure 1", strUtf8, 0);
+    strGb.FromUtf8("pressure 1", 10);
+    _exit(strUtf8 == "pressure 1" && strGb == "pressure 1" ? 0 : 1);
+}
+
+TEST(CodePagesDeathTest, AsciiNeedsNoConverter) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(ConvertAsciiWithoutConverters(), testing::ExitedWithCode(0), "^$");
+}
+
+TEST(CodePages, ABeyondAsciiByteIsSeenAtEveryPosition) {
+    for (size_t nAt = 0; nAt < 20; ++nAt) {
+        const std::string strGb = std::string(nAt, 'x') + "\xCB\xAE" + std::string(19 - nAt, 'y');
+        const std::string strUtf =
+            std::string(nAt, 'x') + "\xE6\xB0\xB4" + std::string(19 - nAt, 'y');
+        CString strBack;
+        strBack.FromUtf8(strUtf.data(), strUtf.size());
+        EXPECT_EQ(strBack, strGb);
+        EXPECT_EQ(CT2UTF8(strGb), strUtf);
+    }
 }
 
 TEST(TextToU32, ReadsWhatA32BitHostReads) {
@@ -802,7 +829,7 @@ TEST(ThreadCreate, ReturnsTheErrorAndKeepsTheMaskWhenNoThreadStarts) {
     ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
     ASSERT_EQ(pthread_getattr_default_np(&huge), 0);
     // A stack that fits in no address space.
-    ASSERT_EQ(pthread_attr_setstacksize(&huge, SIZE_MAX / 4), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&huge, SIZE_MAX / 8 * 7), 0);
     ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
     EXPECT_EQ(vzthread_create(NeverRuns, nullptr), EAGAIN);
     pthread_setattr_default_np(&usual);

@@ -1,0 +1,435 @@
+// A server to measure clients against: it answers from bytes laid out beforehand, with as little
+// work as it can. It shares nothing with the library.
+//
+//   replay_server       prints the port it listens on (loopback only), ends when stdin closes
+//
+// It has one driver, "bench", with 65,000 tags. The number in a tag's name is its id: "t000123" is
+// tag 123. Every connection has a thread and may send any request at any time, also before or
+// without a login. A request that is not one of these ends its connection:
+//   '7' '8' '9'  login hello, notification hello, user login: always accepted, with all rights
+//   '4'          file transfer: every file is the driver file
+//   'L'          tag lookup
+//   'H' 'b'      read, subscribe: the values depend on a tag's place in the request only
+//   'g'          write: stepped over
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr unsigned kTags = 65000;
+constexpr unsigned kNoTag = 0xFFFF;
+constexpr unsigned kMaxRead = 1023;       // tags in one read request
+constexpr unsigned kMaxSubscribed = 519;  // tags in one subscription request
+constexpr size_t kMaxChunk = 4096;        // bytes of values in one chunk of a reply
+constexpr size_t kBufferBytes = 65536;    // of requests that came in one go
+
+constexpr unsigned kCodeI4 = 3;
+constexpr unsigned kCodeR8 = 5;
+constexpr unsigned kCodeText = 8;
+
+// ---- Bytes --------------------------------------------------------------------------------------
+
+void PutU8(Bytes& to, unsigned n) { to.push_back(static_cast<uint8_t>(n)); }
+
+void PutU16(Bytes& to, unsigned n) {
+    PutU8(to, n);
+    PutU8(to, n >> 8);
+}
+
+void PutU32(Bytes& to, uint32_t n) {
+    PutU16(to, n);
+    PutU16(to, n >> 16);
+}
+
+void PutU32Big(Bytes& to, uint32_t n) {
+    for (unsigned nShift = 32; nShift > 0; nShift -= 8) PutU8(to, n >> (nShift - 8));
+}
+
+void PutF64(Bytes& to, double d) {
+    uint64_t n;
+    std::memcpy(&n, &d, sizeof n);
+    PutU32(to, static_cast<uint32_t>(n));
+    PutU32(to, static_cast<uint32_t>(n >> 32));
+}
+
+void PutBytes(Bytes& to, const Bytes& from) { to.insert(to.end(), from.begin(), from.end()); }
+
+// A text and its zero byte.
+void PutText(Bytes& to, std::string_view text) {
+    to.insert(to.end(), text.begin(), text.end());
+    PutU8(to, 0);
+}
+
+// Reads a request as far as it has come. Once the bytes are not enough everything reads as zero or
+// empty and IsShort() tells.
+class CRequest {
+  public:
+    CRequest(const uint8_t* p, size_t nSize) : m_pStart(p), m_p(p), m_nLeft(nSize) {}
+
+    bool IsShort() const { return m_bShort; }
+    size_t Left() const { return m_nLeft; }
+    size_t Used() const { return static_cast<size_t>(m_p - m_pStart); }
+
+    unsigned U8() {
+        const uint8_t* p = Take(1);
+        return p ? p[0] : 0;
+    }
+    unsigned U16() {
+        const uint8_t* p = Take(2);
+        return p ? p[0] | static_cast<unsigned>(p[1]) << 8 : 0;
+    }
+    void Skip(size_t nSize) { Take(nSize); }
+    // The bytes before the next end, which is stepped over.
+    std::string_view Until(std::string_view end) {
+        const std::string_view all(static_cast<const char*>(static_cast<const void*>(m_p)),
+                                   m_nLeft);
+        const size_t nAt = all.find(end);
+        if (nAt == std::string_view::npos) m_bShort = true;
+        if (m_bShort) return {};
+        Take(nAt + end.size());
+        return all.substr(0, nAt);
+    }
+    std::string_view Text() { return Until(std::string_view("", 1)); }
+
+  private:
+    const uint8_t* Take(size_t nSize) {
+        if (nSize > m_nLeft) m_bShort = true;
+        if (m_bShort) return nullptr;
+        const uint8_t* p = m_p;
+        m_p += nSize;
+        m_nLeft -= nSize;
+        return p;
+    }
+
+    const uint8_t* m_pStart;
+    const uint8_t* m_p;
+    size_t m_nLeft;
+    bool m_bShort = false;
+};
+
+// ---- Replies ------------------------------------------------------------------------------------
+
+// Groups of three bytes become four, a last one of one or two bytes two or three: a key, and the
+// bytes combined with it. Any keys will do.
+Bytes Scramble(const Bytes& plain) {
+    Bytes out;
+    unsigned nKey = 0;
+    for (size_t i = 0; i < plain.size(); ++i) {
+        if (i % 3 == 0) {
+            nKey = nKey * 5 + 113;
+            PutU8(out, nKey);
+        }
+        if (i % 3 == 0) PutU8(out, plain[i] + nKey);
+        if (i % 3 == 1) PutU8(out, plain[i] - nKey);
+        if (i % 3 == 2) PutU8(out, plain[i] ^ nKey);
+    }
+    return out;
+}
+
+// Record: name and zero byte, id (2), number of tags (2).
+Bytes DriverFile() {
+    Bytes file;
+    PutText(file, "bench");
+    PutU16(file, 0);
+    PutU16(file, kTags);
+    return file;
+}
+
+// The value of the tag at a place of a request, with its type code: integers and reals in turn.
+Bytes ValueAt(unsigned nPlace) {
+    Bytes value;
+    if (nPlace % 2 == 0) {
+        PutU16(value, kCodeI4);
+        PutU32(value, 100000 + nPlace);
+    } else {
+        PutU16(value, kCodeR8);
+        PutF64(value, 0.5 * nPlace);
+    }
+    return value;
+}
+
+// The values of nCount tags, cut into chunks between values.
+std::vector<Bytes> ValueChunks(unsigned nCount) {
+    std::vector<Bytes> chunks(1);
+    for (unsigned i = 0; i < nCount; ++i) {
+        const Bytes value = ValueAt(i);
+        if (chunks.back().size() + value.size() > kMaxChunk) chunks.emplace_back();
+        PutBytes(chunks.back(), value);
+    }
+    return chunks;
+}
+
+// Chunks of 'H', 1 when another one follows, length (2), values.
+Bytes ReadReply(unsigned nCount) {
+    Bytes reply;
+    const std::vector<Bytes> chunks = ValueChunks(nCount);
+    for (size_t i = 0; i < chunks.size(); ++i) {
+        PutU8(reply, 'H');
+        PutU8(reply, i + 1 < chunks.size());
+        PutU16(reply, static_cast<unsigned>(chunks[i].size()));
+        PutBytes(reply, chunks[i]);
+    }
+    return reply;
+}
+
+// Chunks of 'b', length (2), values.
+Bytes SubscribeReply(unsigned nCount) {
+    Bytes reply;
+    for (const Bytes& chunk : ValueChunks(nCount)) {
+        PutU8(reply, 'b');
+        PutU16(reply, static_cast<unsigned>(chunk.size()));
+        PutBytes(reply, chunk);
+    }
+    return reply;
+}
+
+// '8', server data (42), two unused words, time and size of the driver file (big-endian), project
+// name, title; scrambled as a whole.
+Bytes NotifyHelloReply(uint32_t nFileTime) {
+    Bytes plain;
+    PutU8(plain, '8');
+    plain.resize(1 + 42 + 4 + 4);
+    PutU32Big(plain, nFileTime);
+    PutU32Big(plain, static_cast<uint32_t>(DriverFile().size()));
+    PutText(plain, "bench");
+    PutText(plain, "Benchmark");
+    return Scramble(plain);
+}
+
+// Header lines, a blank line, the file.
+Bytes FileReply(uint32_t nFileTime) {
+    const Bytes file = DriverFile();
+    char szHeader[64];
+    const int nLen = std::snprintf(szHeader, sizeof szHeader, "Size:%zX\r\nFileTime:%X\r\n\r\n",
+                                   file.size(), static_cast<unsigned>(nFileTime));
+    Bytes reply(szHeader, szHeader + nLen);
+    PutBytes(reply, file);
+    return reply;
+}
+
+// The replies to reads and subscriptions, by number of tags. Made once, then only read.
+struct SReplies {
+    SReplies() {
+        for (unsigned n = 1; n <= kMaxRead; ++n) read[n] = ReadReply(n);
+        for (unsigned n = 1; n <= kMaxSubscribed; ++n) subscribe[n] = SubscribeReply(n);
+    }
+    std::array<Bytes, kMaxRead + 1> read;
+    std::array<Bytes, kMaxSubscribed + 1> subscribe;
+};
+
+// ---- Connections --------------------------------------------------------------------------------
+
+enum class [[nodiscard]] EServed{
+    kDone,
+    kShort,   // the rest of the request has not come yet
+    kRefused  // no request: the connection ends
+};
+
+// One connection.
+//
+// Ownership: owns its descriptor. Threads: one thread at a time.
+class CConnection {
+  public:
+    CConnection(int hSocket, const SReplies& replies) : m_hSocket(hSocket), m_replies(replies) {}
+    ~CConnection() { close(m_hSocket); }
+    CConnection(const CConnection&) = delete;
+    CConnection& operator=(const CConnection&) = delete;
+
+    // Answers requests until the client ends the connection or sends none.
+    void Serve() {
+        Bytes buf(kBufferBytes);
+        size_t nHave = 0;
+        for (;;) {
+            const ssize_t n = recv(m_hSocket, buf.data() + nHave, buf.size() - nHave, 0);
+            if (n <= 0) return;
+            nHave += static_cast<size_t>(n);
+            size_t nUsed = 0;
+            EServed eServed = EServed::kDone;
+            while (eServed == EServed::kDone && nUsed < nHave) {
+                CRequest request(buf.data() + nUsed, nHave - nUsed);
+                eServed = Answer(request);
+                if (eServed == EServed::kDone) nUsed += request.Used();
+            }
+            if (eServed == EServed::kRefused) return;
+            nHave -= nUsed;
+            if (nHave && nUsed) std::memmove(buf.data(), buf.data() + nUsed, nHave);
+        }
+    }
+
+  private:
+    EServed Answer(CRequest& request) {
+        switch (request.U8()) {
+            case 'H':
+                return AnswerCounted(request, 4, m_replies.read);
+            case 'b':
+                return AnswerCounted(request, 5, m_replies.subscribe);
+            case 'g':
+                return StepOverWrite(request);
+            case 'L':
+                return LookUp(request);
+            case '7':
+                request.Skip(22);
+                return Send(request, Bytes{'7'});
+            case '8':  // no length: it is what has come
+                request.Skip(request.Left());
+                // Later with each one, so that every login has a file to fetch.
+                return Send(request, NotifyHelloReply(s_nFileTime += 10));
+            case '9':
+                request.Text();
+                request.Text();
+                return Send(request, Bytes{'9', 0, 0, 0, 0, 0xFF, 0, 0, 0});
+            case '4':
+                request.Until("\r\n\r\n");
+                return Send(request, FileReply(s_nFileTime));
+            default:
+                return EServed::kRefused;
+        }
+    }
+
+    // Number of tags (2), then nItem bytes for each.
+    template <size_t nReplies>
+    EServed AnswerCounted(CRequest& request, size_t nItem,
+                          const std::array<Bytes, nReplies>& replies) {
+        const size_t nCount = request.U16();
+        if (nCount >= nReplies) return EServed::kRefused;
+        request.Skip(nItem * nCount);
+        return Send(request, replies[nCount]);
+    }
+
+    // Driver id (2) and name of each, no count: they are what has come. Reply: 'L', then tag id (2)
+    // and two bytes for each.
+    EServed LookUp(CRequest& request) {
+        Bytes reply{'L'};
+        while (request.Left() && !request.IsShort()) {
+            request.U16();
+            PutU16(reply, TagOf(request.Text()));
+            PutU16(reply, 0);
+        }
+        return Send(request, reply);
+    }
+
+    static unsigned TagOf(std::string_view name) {
+        unsigned nTag = 0;
+        if (name.size() < 2 || name[0] != 't') return kNoTag;
+        for (const char c : name.substr(1)) {
+            if (c < '0' || c > '9') return kNoTag;
+            nTag = nTag * 10 + static_cast<unsigned>(c - '0');
+            if (nTag >= kTags) return kNoTag;
+        }
+        return nTag;
+    }
+
+    // Number of values (2), then for each driver id (2), tag id (2), type code (2), value. There is
+    // no reply.
+    static EServed StepOverWrite(CRequest& request) {
+        for (unsigned nLeft = request.U16(); nLeft && !request.IsShort(); --nLeft) {
+            request.Skip(4);
+            switch (request.U16()) {
+                case kCodeI4:
+                    request.Skip(4);
+                    break;
+                case kCodeR8:
+                    request.Skip(8);
+                    break;
+                case kCodeText:
+                    request.Text();
+                    break;
+                default:  // a boolean
+                    request.Skip(1);
+            }
+        }
+        return request.IsShort() ? EServed::kShort : EServed::kDone;
+    }
+
+    EServed Send(const CRequest& request, const Bytes& reply) {
+        if (request.IsShort()) return EServed::kShort;
+        for (size_t nSent = 0; nSent < reply.size();) {
+            const ssize_t n =
+                send(m_hSocket, reply.data() + nSent, reply.size() - nSent, MSG_NOSIGNAL);
+            if (n <= 0) return EServed::kRefused;
+            nSent += static_cast<size_t>(n);
+        }
+        return EServed::kDone;
+    }
+
+    static std::atomic<uint32_t> s_nFileTime;
+
+    const int m_hSocket;
+    const SReplies& m_replies;
+};
+
+std::atomic<uint32_t> CConnection::s_nFileTime{1600000000};
+
+// ---- Listening ----------------------------------------------------------------------------------
+
+// Listens on a free port of the loopback, which nPort gets. -1 on failure.
+int Listen(unsigned& nPort) {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr* pAddr = static_cast<sockaddr*>(static_cast<void*>(&addr));
+    socklen_t nLen = sizeof addr;
+    const int hSocket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (hSocket < 0 || bind(hSocket, pAddr, nLen) != 0 || listen(hSocket, 64) != 0) return -1;
+    if (getsockname(hSocket, pAddr, &nLen) != 0) return -1;
+    nPort = ntohs(addr.sin_port);
+    return hSocket;
+}
+
+void StartConnection(int hSocket, const SReplies& replies) {
+    const int nOn = 1;
+    setsockopt(hSocket, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof nOn);
+    try {
+        std::thread([hSocket, &replies] { CConnection(hSocket, replies).Serve(); }).detach();
+    } catch (const std::system_error&) {
+        close(hSocket);
+    }
+}
+
+// True when stdin was closed; what is written to it is dropped.
+bool StdinClosed() {
+    char drop[256];
+    return read(STDIN_FILENO, drop, sizeof drop) <= 0;
+}
+
+}  // namespace
+
+int main() {
+    static const SReplies replies;
+    unsigned nPort = 0;
+    const int hListen = Listen(nPort);
+    if (hListen < 0) {
+        std::perror("replay_server");
+        return 1;
+    }
+    std::printf("%u\n", nPort);
+    std::fflush(stdout);
+
+    for (;;) {
+        pollfd fds[] = {{STDIN_FILENO, POLLIN, 0}, {hListen, POLLIN, 0}};
+        if (poll(fds, 2, -1) < 0) continue;
+        // Not a return: connections may be running, and nothing of theirs may be destroyed.
+        if (fds[0].revents && StdinClosed()) std::_Exit(0);
+        if (!fds[1].revents) continue;
+        const int hSocket = accept4(hListen, nullptr, nullptr, SOCK_CLOEXEC);
+        if (hSocket >= 0) StartConnection(hSocket, replies);
+    }
+}

@@ -1,0 +1,468 @@
+#include "ScriptedSession.h"
+
+// The fixture comes first: it brings the interpreter's header.
+#include <sys/wait.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace {
+
+using CClock = std::chrono::steady_clock;
+
+double Seconds(CClock::time_point tSince) {
+    return std::chrono::duration<double>(CClock::now() - tSince).count();
+}
+
+// Tag 0 of Boiler is an int from here on; its changes are 8 bytes.
+std::string Change(uint32_t nValue) { return U16(0) + U16(0) + U32(nValue); }
+
+class Ending : public CDriverTest {
+  protected:
+    void SubscribeInt() {
+        Resolve(1);
+        Subscribe("T0", 1, Hex("03 00") + U32(1));
+    }
+    bool Gone() { return !core->m_bConnect && core->m_mapDrvInfos.empty(); }
+};
+
+TEST_F(Ending, OfAnUnconnectedCoreDoesNothing) {
+    core->_Disconnect();
+    core->_Disconnect();
+    EXPECT_FALSE(core->m_bConnect);
+}
+
+TEST_F(Ending, ClosesBothConnections) {
+    server.ExpectEnd(0);
+    server.ExpectEnd(1);
+    core->_Disconnect();
+    EXPECT_TRUE(server.Done());
+    EXPECT_FALSE(core->m_reqSock.IsSocket());
+    EXPECT_FALSE(core->m_rcvSock.IsSocket());
+    EXPECT_FALSE(core->m_bConnect);
+}
+
+TEST_F(Ending, WaitsForTheReceiveThreadsSignalAfter60Milliseconds) {
+    const auto tStart = CClock::now();
+    core->_Disconnect();
+    EXPECT_GE(Seconds(tStart), 0.060);
+    EXPECT_LT(Seconds(tStart), 2.0);
+}
+
+TEST_F(Ending, TwiceIsHarmless) {
+    core->_Disconnect();
+    const auto tStart = CClock::now();
+    core->_Disconnect();
+    EXPECT_LT(Seconds(tStart), 0.050);
+}
+
+TEST_F(Ending, EmptiesTheMapAndKeepsTheTablesLength) {
+    core->_Disconnect();
+    EXPECT_TRUE(core->m_mapDrvInfos.empty());
+    EXPECT_EQ(core->m_pDrivers, std::vector<CDBDriver*>(2, nullptr));
+}
+
+TEST_F(Ending, KeepsRightsListsAndCallback) {
+    core->m_textList.push_back(CString("t"));
+    core->m_tagList.push_back(CString("g"));
+    core->m_rtAlarmNotifyFn = Py_None;
+    core->_Disconnect();
+    EXPECT_EQ(core->m_nRights, 8u);
+    EXPECT_EQ(core->m_textList.size(), 1u);
+    EXPECT_EQ(core->m_tagList.size(), 1u);
+    EXPECT_EQ(core->m_rtAlarmNotifyFn.load(), Py_None);
+}
+
+TEST_F(Ending, LeavesNoDriverToBeHad) {
+    core->_Disconnect();
+    EXPECT_EQ(core->_GetDriver("Boiler"), nullptr);
+}
+
+TEST_F(Ending, OfAKeptSessionLeavesItsDriversInMemoryButDead) {
+    std::shared_ptr<CDBSession> pSession;
+    CDBDriver* pDriver = core->_GetDriver("Boiler", &pSession);
+    core->_Disconnect();
+    EXPECT_TRUE(pSession->Ended());
+    EXPECT_EQ(pDriver->m_strDriver, "Boiler");
+    EXPECT_FALSE(pDriver->_ConnectTag("A"));
+    EXPECT_EQ(ReprOf(pDriver->GetTagValue("A")), "None");
+    CPyRef one(Eval("1"));
+    EXPECT_EQ(pDriver->SetTagValue("A", one), -2);
+}
+
+TEST_F(Ending, OldDriverNeverReachesALaterSession) {
+    std::shared_ptr<CDBSession> pSession;
+    CDBDriver* pDriver = core->_GetDriver("Boiler", &pSession);
+    OrderHellos(2);
+    OrderUser(2);
+    ASSERT_EQ(Connect(), kConnected);
+    EXPECT_EQ(ReprOf(pDriver->GetTagValue("A")), "None");
+    EXPECT_EQ(server.Unread(2), "");
+}
+
+// ---- Lost connections ---------------------------------------------------------------------------
+
+TEST_F(Ending, LostNotificationConnectionEndsTheSession) {
+    server.Close(1);
+    server.ExpectEnd(0);
+    EXPECT_TRUE(WaitFor([&] { return Gone(); }));
+    EXPECT_FALSE(core->m_reqSock.IsSocket());
+    EXPECT_EQ(core->m_pDrivers, std::vector<CDBDriver*>(2, nullptr));
+    EXPECT_TRUE(Becomes(ReceiveThreads, 0));
+}
+
+TEST_F(Ending, AfterALossDisconnectDoesNotWait) {
+    server.Close(1);
+    EXPECT_TRUE(WaitFor([&] { return Gone() && ReceiveThreads() == 0; }));
+    const auto tStart = CClock::now();
+    core->_Disconnect();
+    EXPECT_LT(Seconds(tStart), 0.050);
+}
+
+TEST_F(Ending, AfterALossOneMayConnectAgain) {
+    server.Close(1);
+    EXPECT_TRUE(WaitFor([&] { return Gone(); }));
+    OrderHellos(2);
+    OrderUser(2);
+    EXPECT_EQ(Connect(), kConnected);
+    EXPECT_NE(core->_GetDriver("Boiler"), nullptr);
+}
+
+TEST_F(Ending, LostRequestConnectionAloneDoesNotEndTheSession) {
+    server.Close(0);
+    ASSERT_TRUE(server.Done());
+    EXPECT_EQ(ReprOf(drv->GetTagValue("A")), "None");
+    EXPECT_TRUE(core->m_bConnect);
+    EXPECT_NE(core->_GetDriver("Boiler"), nullptr);
+}
+
+TEST_F(Ending, ResetCountsAsALoss) {
+    // A server that closes with bytes unread resets the connection.
+    ASSERT_EQ(core->m_rcvSock._Send("x", 1, 0), 1);
+    usleep(20000);
+    server.Close(1);
+    EXPECT_TRUE(WaitFor([&] { return Gone(); }));
+}
+
+// ---- Nothing left behind ------------------------------------------------------------------------
+
+TEST_F(Ending, DisconnectsLeaveNothingBehind) {
+    core->_Disconnect();
+    for (size_t i = 1; i <= 15; ++i) {
+        OrderHellos(2 * i);
+        OrderUser(2 * i);
+        ASSERT_EQ(Connect(), kConnected);
+        ASSERT_NE(core->_GetDriver("Boiler"), nullptr);
+        server.ExpectEnd(2 * i);
+        server.ExpectEnd(2 * i + 1);
+        core->_Disconnect();
+        server.Close(2 * i);
+        server.Close(2 * i + 1);
+        ASSERT_TRUE(server.Done());
+    }
+    EXPECT_TRUE(Becomes(ReceiveThreads, 0));
+    const int nDescriptors = CountDescriptors();
+    const int nThreads = CountThreads();
+    for (size_t i = 16; i <= 30; ++i) {
+        OrderHellos(2 * i);
+        OrderUser(2 * i);
+        ASSERT_EQ(Connect(), kConnected);
+        server.ExpectEnd(2 * i);
+        server.ExpectEnd(2 * i + 1);
+        core->_Disconnect();
+        server.Close(2 * i);
+        server.Close(2 * i + 1);
+        ASSERT_TRUE(server.Done());
+    }
+    EXPECT_TRUE(Becomes(CountDescriptors, nDescriptors));
+    EXPECT_TRUE(Becomes(CountThreads, nThreads));
+}
+
+TEST_F(Ending, LossesLeaveNothingBehind) {
+    server.Close(0);
+    server.Close(1);
+    ASSERT_TRUE(server.Done());
+    ASSERT_TRUE(WaitFor([&] { return Gone() && ReceiveThreads() == 0; }));
+    const int nDescriptors = CountDescriptors();
+    const int nThreads = CountThreads();
+    for (size_t i = 1; i <= 20; ++i) {
+        OrderHellos(2 * i);
+        OrderUser(2 * i);
+        ASSERT_EQ(Connect(), kConnected);
+        server.Close(2 * i + 1);
+        server.Close(2 * i);
+        ASSERT_TRUE(server.Done());
+        ASSERT_TRUE(WaitFor([&] { return Gone(); }));
+    }
+    EXPECT_TRUE(Becomes(CountDescriptors, nDescriptors));
+    EXPECT_TRUE(Becomes(CountThreads, nThreads));
+}
+
+// ---- Endings and callbacks ----------------------------------------------------------------------
+
+TEST_F(Ending, DoesNotWaitForAThreadThatWaitsForTheInterpreterLock) {
+    SubscribeInt();
+    drv->SetCBFunc(NotingFunction());
+    std::shared_ptr<CDBSession> pSession;
+    core->_GetDriver("Boiler", &pSession);
+    Push(Change(2));
+    ASSERT_TRUE(server.Done());
+    // The lock is ours, so the thread parks and stays.
+    for (int i = 0; i < 2000 && !pSession->Parked(); ++i) usleep(1000);
+    ASSERT_TRUE(pSession->Parked());
+    const auto tStart = CClock::now();
+    core->_Disconnect();
+    EXPECT_LT(Seconds(tStart), 0.050);
+    EXPECT_TRUE(WaitFor([] { return ReceiveThreads() == 0; }));
+    EXPECT_EQ(Repr("calls"), "[]") << "called after the end";
+}
+
+TEST_F(Ending, DroppedCoreLivesUntilItsParkedThreadLeaves) {
+    SubscribeInt();
+    drv->SetCBFunc(NotingFunction());
+    std::shared_ptr<CDBSession> pSession;
+    core->_GetDriver("Boiler", &pSession);
+    Push(Change(2));
+    ASSERT_TRUE(server.Done());
+    for (int i = 0; i < 2000 && !pSession->Parked(); ++i) usleep(1000);
+    core->_Disconnect();
+    Drop();
+    EXPECT_TRUE(WaitFor([] { return ReceiveThreads() == 0; }));
+    EXPECT_EQ(Repr("calls"), "[]");
+}
+
+CDBCore* s_pCore = nullptr;
+std::string s_strHost;
+int s_nResult = 77;
+
+PyObject* EndFromInside(PyObject*, PyObject*) {
+    s_pCore->_Disconnect();
+    Py_RETURN_NONE;
+}
+
+PyObject* DropFromInside(PyObject*, PyObject*) {
+    s_pCore->_Disconnect();
+    UnregisterCore(s_pCore);
+    s_pCore->LetGo();
+    Py_RETURN_NONE;
+}
+
+PyObject* ConnectFromInside(PyObject*, PyObject*) {
+    s_nResult = s_pCore->_Connect(s_strHost.c_str(), "u", "p");
+    Py_RETURN_NONE;
+}
+
+// A call that cannot be interrupted half-way, as one of a script could.
+int s_nCalls = 0;
+
+PyObject* CountCall(PyObject*, PyObject*) {
+    ++s_nCalls;
+    Py_RETURN_NONE;
+}
+
+PyMethodDef kCountDef = {"count", CountCall, METH_VARARGS, nullptr};
+PyMethodDef kEndDef = {"end", EndFromInside, METH_VARARGS, nullptr};
+PyMethodDef kDropDef = {"drop", DropFromInside, METH_VARARGS, nullptr};
+PyMethodDef kConnectDef = {"connect", ConnectFromInside, METH_VARARGS, nullptr};
+
+TEST_F(Ending, FromInsideACallbackReturnsAtOnce) {
+    SubscribeInt();
+    CPyRef fn(PyCFunction_New(&kEndDef, nullptr));
+    drv->SetCBFunc(fn);
+    s_pCore = core;
+    const auto tStart = CClock::now();
+    Push(Change(2) + Change(3));
+    EXPECT_TRUE(WaitFor([&] { return Gone() && ReceiveThreads() == 0; }));
+    EXPECT_LT(Seconds(tStart), 1.0);
+}
+
+TEST_F(Ending, LastShareMayBeDroppedInsideACallback) {
+    SubscribeInt();
+    CPyRef fn(PyCFunction_New(&kDropDef, nullptr));
+    drv->SetCBFunc(fn);
+    s_pCore = core;
+    core = nullptr;
+    Push(Change(2) + Change(3));
+    EXPECT_TRUE(WaitFor([] { return ReceiveThreads() == 0; }));
+}
+
+TEST_F(Ending, ConnectInsideACallbackStartsANewSession) {
+    SubscribeInt();
+    CPyRef fn(PyCFunction_New(&kConnectDef, nullptr));
+    drv->SetCBFunc(fn);
+    s_pCore = core;
+    s_strHost = server.Host();
+    s_nResult = 77;
+    Push(Change(2) + Change(3));
+    OrderHellos(2);
+    OrderUser(2);
+    EXPECT_TRUE(WaitFor([] { return s_nResult != 77; }));
+    EXPECT_EQ(s_nResult, kConnected);
+    EXPECT_TRUE(core->m_bConnect);
+    EXPECT_TRUE(WaitFor([] { return ReceiveThreads() == 1; }));
+    EXPECT_NE(core->_GetDriver("Boiler"), nullptr);
+}
+
+// Whichever way each ending falls, it is over at once and no call comes after it.
+TEST_F(Ending, UnderAStreamOfChangesIsQuickManyTimes) {
+    CPyRef fn(PyCFunction_New(&kCountDef, nullptr));
+    int nSessionsWithCalls = 0;
+    SubscribeInt();
+    core->_Disconnect();
+    for (size_t i = 1; i <= 40; ++i) {
+        const size_t nConn = 2 * i;
+        OrderHellos(nConn);
+        OrderUser(nConn);
+        ASSERT_EQ(Connect(), kConnected);
+        drv = core->_GetDriver("Boiler");
+        nReq = nConn;
+        nNotify = nConn + 1;
+        SubscribeInt();
+        drv->SetCBFunc(fn);
+        s_nCalls = 0;
+        for (int n = 0; n < 5; ++n) server.SendAnyway(nNotify, Repeat(Change(5), 200));
+        for (size_t n = 0; n < i % 5; ++n) Unlocked([] { usleep(300); });
+        const auto tStart = CClock::now();
+        core->_Disconnect();
+        EXPECT_LT(Seconds(tStart), 1.0);
+        const int nCalls = s_nCalls;
+        Unlocked([] { usleep(1000); });
+        EXPECT_EQ(s_nCalls, nCalls);
+        nSessionsWithCalls += nCalls > 0;
+        server.Done();
+        if (::testing::Test::HasFailure()) break;
+    }
+    EXPECT_TRUE(WaitFor([] { return ReceiveThreads() == 0; }));
+    EXPECT_GT(nSessionsWithCalls, 0);
+}
+
+// A reader on the script's side, changes and losses from the server's: for the thread sanitizer.
+TEST_F(Ending, LossesMeetReadsWithoutHarm) {
+    core->_Disconnect();
+    for (size_t i = 1; i <= 30; ++i) {
+        const size_t nConn = 2 * i;
+        OrderHellos(nConn);
+        OrderUser(nConn);
+        ASSERT_EQ(Connect(), kConnected);
+        drv = core->_GetDriver("Boiler");
+        nReq = nConn;
+        nNotify = nConn + 1;
+        SubscribeInt();
+        std::shared_ptr<CDBSession> pSession;
+        core->_GetDriver("Boiler", &pSession);
+        Push(Repeat(Change(5), 100));
+        server.Close(nNotify);
+        while (!pSession->Ended()) {
+            const std::string strValue = ReprOf(drv->GetTagValue("T0"));
+            EXPECT_TRUE(strValue == "1" || strValue == "5" || strValue == "None") << strValue;
+        }
+        EXPECT_TRUE(WaitFor([&] { return Gone(); }));
+        ASSERT_TRUE(server.Done());
+    }
+}
+
+// ---- Forked children ----------------------------------------------------------------------------
+
+// Runs fn in a forked child; its result is the child's exit status.
+template <class TFunction>
+int InChild(TFunction fn) {
+    const pid_t nChild = fork();
+    if (nChild == 0) _exit(fn());
+    int nStatus = -1;
+    waitpid(nChild, &nStatus, 0);
+    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : 1000 + WTERMSIG(nStatus);
+}
+
+TEST_F(Ending, SessionIsDeadInAForkedChild) {
+    std::shared_ptr<CDBSession> pSession;
+    core->_GetDriver("Boiler", &pSession);
+    EXPECT_EQ(InChild([&] {
+                  if (core->m_bConnect || !pSession->Ended()) return 1;
+                  if (core->_GetDriver("Boiler")) return 2;
+                  if (drv->_ConnectTag("A")) return 3;
+                  if (core->m_reqSock.IsSocket() || core->m_rcvSock.IsSocket()) return 4;
+                  if (ReceiveThreads() != 0) return 5;
+                  return 0;
+              }),
+              0);
+}
+
+TEST_F(Ending, ChildsEndingsLeaveTheParentConnected) {
+    EXPECT_EQ(InChild([&] {
+                  core->_Disconnect();
+                  UnregisterCore(core);
+                  core->LetGo();
+                  return 0;
+              }),
+              0);
+    OnLookup({"A"}, {3});
+    EXPECT_EQ(Ids("A"), std::vector<int>{3});
+    EXPECT_TRUE(core->m_bConnect);
+    SubscribeInt();
+    drv->SetCBFunc(NotingFunction());
+    Push(Change(9));
+    EXPECT_TRUE(WaitFor([] { return Repr("calls") == "[('Boiler', 'T0', 9)]"; }));
+}
+
+TEST_F(Ending, ChildHoldsNoDescriptorOfTheSession) {
+    const int nDescriptors = CountDescriptors();
+    EXPECT_EQ(InChild([&] { return nDescriptors - CountDescriptors(); }), 3);
+}
+
+TEST_F(Ending, ChildMayConnectAnew) {
+    OrderHellos(2);
+    OrderUser(2);
+    EXPECT_EQ(InChild([&] {
+                  if (Connect() != kConnected) return 1;
+                  if (!core->_GetDriver("Boiler")) return 2;
+                  core->_Disconnect();
+                  return core->m_bConnect ? 3 : 0;
+              }),
+              0);
+    EXPECT_TRUE(core->m_bConnect);
+}
+
+// ---- The process's end --------------------------------------------------------------------------
+
+TEST_F(Ending, OfAllSessionsIsForGood) {
+    EXPECT_EQ(InChild([&] {
+                  if (ProcessIsEnding()) return 1;
+                  EndAllSessions();
+                  if (!ProcessIsEnding()) return 2;
+                  return core->_Connect("127.0.0.1:1", "u", "p") == -2 ? 0 : 3;
+              }),
+              0);
+    EXPECT_FALSE(ProcessIsEnding());
+}
+
+// The child logs in by itself, so that there is a session to end.
+TEST_F(Ending, OfAllSessionsEndsEachWithoutWaiting) {
+    core->_Disconnect();
+    OrderHellos(2);
+    OrderUser(2);
+    server.ExpectEnd(2);
+    server.ExpectEnd(3);
+    const std::string strHost = server.Host();
+    const pid_t nChild = fork();
+    if (nChild == 0) {
+        CDBCore* pCore = new CDBCore;
+        RegisterCore(pCore);
+        if (pCore->_Connect(strHost.c_str(), "u", "p") != 0) _exit(1);
+        const auto tStart = CClock::now();
+        EndAllSessions();
+        if (Seconds(tStart) > 0.040) _exit(2);
+        if (pCore->m_bConnect || pCore->m_reqSock.IsSocket()) _exit(3);
+        if (pCore->_Connect(strHost.c_str(), "u", "p") != -2) _exit(4);
+        for (int i = 0; i < 2000 && ReceiveThreads() > 0; ++i) usleep(1000);
+        _exit(ReceiveThreads() == 0 ? 0 : 5);
+    }
+    int nStatus = -1;
+    waitpid(nChild, &nStatus, 0);
+    EXPECT_TRUE(WIFEXITED(nStatus));
+    EXPECT_EQ(WEXITSTATUS(nStatus), 0);
+    EXPECT_TRUE(server.Done());
+    EXPECT_FALSE(server.Knocked());
+}
+
+}  // namespace

@@ -1,0 +1,142 @@
+#include "PythonEnvironment.h"
+
+// The interpreter's header comes first, as it asks for.
+#include "VzDBAccess/DBSession.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include "VzDBAccess/DBCore.h"
+#include "VzDBAccess/DBDriver.h"
+
+namespace {
+
+bool IsOpen(int h) { return fcntl(h, F_GETFD) != -1; }
+
+int ADescriptor() { return ::dup(2); }
+
+TEST(Session, BeginsAliveAndNotParked) {
+    const CDBSession session(-1);
+    EXPECT_FALSE(session.Ended());
+    EXPECT_FALSE(session.Parked());
+}
+
+TEST(Session, EndsForOneCallerOnly) {
+    CDBSession session(-1);
+    EXPECT_TRUE(session.End());
+    EXPECT_FALSE(session.End());
+    EXPECT_TRUE(session.Ended());
+}
+
+TEST(Session, ThreadThatParksFirstIsSeenByTheEnding) {
+    CDBSession session(-1);
+    EXPECT_TRUE(session.Park());
+    EXPECT_TRUE(session.End());
+    EXPECT_TRUE(session.Parked());
+    session.Unpark();
+    EXPECT_FALSE(session.Parked());
+}
+
+TEST(Session, EndingThatComesFirstKeepsTheThreadFromParking) {
+    CDBSession session(-1);
+    EXPECT_TRUE(session.End());
+    EXPECT_FALSE(session.Park());
+    EXPECT_FALSE(session.Parked());
+}
+
+TEST(Session, ClosesItsDescriptorWithItsLastHolder) {
+    const int h = ADescriptor();
+    auto pOne = std::make_shared<CDBSession>(h);
+    auto pTwo = pOne;
+    pOne.reset();
+    EXPECT_TRUE(IsOpen(h));
+    pTwo.reset();
+    EXPECT_FALSE(IsOpen(h));
+}
+
+TEST(Session, EndingLeavesTheDescriptorOpen) {
+    const int h = ADescriptor();
+    CDBSession session(h);
+    session.End();
+    EXPECT_TRUE(IsOpen(h));
+    EXPECT_EQ(session.ReceiveSocket(), h);
+}
+
+TEST(Session, InAForkedChildIsEndedAndClosed) {
+    const int h = ADescriptor();
+    CDBSession session(h);
+    session.Park();
+    session.ForkedChild();
+    EXPECT_TRUE(session.Ended());
+    EXPECT_FALSE(session.Parked());
+    EXPECT_FALSE(IsOpen(h));
+    EXPECT_EQ(session.ReceiveSocket(), -1);
+}
+
+TEST(Session, KeepsRetiredDriversInMemory) {
+    CDBCore* pCore = new CDBCore;
+    {
+        CDBSession session(-1);
+        auto pDriver = std::make_unique<CDBDriver>(pCore, &session, WORD{0}, CString("D"));
+        CDBDriver* pBorrowed = pDriver.get();
+        std::vector<std::unique_ptr<CDBDriver>> drivers;
+        drivers.push_back(std::move(pDriver));
+        session.Retire(std::move(drivers));
+        EXPECT_EQ(pBorrowed->m_strDriver, "D");
+    }
+    pCore->LetGo();
+}
+
+// A mutex stands for the interpreter lock: the ending holds it, and must not wait for a thread that
+// waits for it. Whichever comes second sees the first, so the ending is never left waiting and a
+// thread that got the lock after the end never calls.
+TEST(Session, ParkAndEndNeverMissEachOther) {
+    int nParkedSeen = 0;
+    int nGoneSeen = 0;
+    for (int i = 0; i < 500; ++i) {
+        CDBSession session(-1);
+        std::mutex interpreter;
+        std::atomic<bool> bGone{false};
+        std::atomic<bool> bEnded{false};
+        bool bLateCall = false;
+        std::thread receiver([&] {
+            while (!session.Ended()) {
+                if (!session.Park()) break;
+                {
+                    std::lock_guard<std::mutex> lock(interpreter);
+                    if (session.Ended()) {
+                        // nothing of the session is touched
+                    } else if (bEnded) {
+                        bLateCall = true;
+                    }
+                }
+                session.Unpark();
+                std::this_thread::yield();
+            }
+            bGone = true;
+        });
+        {
+            for (int n = 0; n < i % 50; ++n) std::this_thread::yield();
+            std::lock_guard<std::mutex> lock(interpreter);
+            session.End();
+            bEnded = true;
+            if (session.Parked()) {
+                ++nParkedSeen;
+            } else {
+                // Bounded: a thread that is not parked never waits for the lock we hold.
+                for (int n = 0; !bGone && n < 5000; ++n) usleep(1000);
+                EXPECT_TRUE(bGone);
+                ++nGoneSeen;
+            }
+        }
+        receiver.join();
+        EXPECT_FALSE(bLateCall);
+    }
+    EXPECT_EQ(nParkedSeen + nGoneSeen, 500);
+}
+
+}  // namespace
