@@ -175,6 +175,7 @@ FAILURES = [
     ("8", "reply", {"data": notify_reply(b"\0"), "scramble": True}, -3),      # 60 bytes, no name
     ("8", "reply", {"data": b"00", "scramble": True}, -2),
     ("8", "cut", {"after": 79}, -2),                                          # 59 plain bytes
+    ("8", "split", {"sizes": [40, 1000], "pause": 0.2}, -2),                  # not in one receive
     ("9", "refuse", {}, -1),
     ("9", "close", {}, -2),
     ("9", "cut", {"after": 0, "then": "reset"}, -2),
@@ -289,14 +290,15 @@ def test_rights_are_those_of_the_latest_login(connect, script, host):
 # ---- credentials --------------------------------------------------------------------------------
 
 @pytest.mark.parametrize("user, password", [
-    ("u" * 253, ""), ("", "p" * 253), ("u" * 200, "p" * 53)])
+    ("u" * 253, ""), ("", "p" * 253), ("u" * 200, "p" * 53)], ids=["user", "password", "both"])
 def test_credentials_of_253_bytes_are_sent(connect, sent, host, user, password):
     assert connect(host, user, password) == -1
     assert sent("9") == [b"9" + user.encode() + b"\0" + password.encode() + b"\0"]
 
 
 @pytest.mark.parametrize("user, password", [
-    ("u" * 254, ""), ("", "p" * 254), ("u" * 200, "p" * 54), ("张" * 85, ""), ("u" * 70000, "p")])
+    ("u" * 254, ""), ("", "p" * 254), ("u" * 200, "p" * 54), ("张" * 85, ""), ("u" * 70000, "p")],
+    ids=["user", "password", "both", "utf8", "huge"])
 def test_longer_credentials_fail_before_the_login(connect, sent, host, user, password):
     assert connect(host, user, password) == -2
     assert [data[:1] for data in sent()] == [b"7", b"8"]
@@ -358,6 +360,15 @@ def test_a_relay_gets_the_same_second_hello(connect, center, own_address):
 def test_a_relay_text_begins_with_p2p_in_any_case(connect, center, own_address, form):
     center()
     assert connect(form % own_address) == 0
+
+
+def test_a_relay_text_without_an_address_means_the_default_center(connect, simulate):
+    try:
+        relay = simulate(port=RELAY_PORT)
+    except OSError as error:
+        pytest.skip("the relay port cannot be used: %s" % error)
+    assert connect("p2p:Plant") == 0
+    assert plain(relay.requests(codes="7")[0][2])[1][22:] == b"Plant\0"
 
 
 def test_a_plant_name_keeps_its_further_colons(connect, center, own_address):

@@ -98,15 +98,15 @@ def test_a_connect_that_fails_has_ended_the_old_session(session, plant, connect,
     clean()
 
 
-def test_50_sessions_leave_nothing(session, connect, clean):
-    for _ in range(50):
+def test_20_sessions_leave_nothing(session, connect, clean):
+    for _ in range(20):
         assert connect() == 0
     session("del db", timeout=HANG)
     clean()
 
 
-def test_50_cores_leave_nothing(session, clean, host):
-    session("for i in range(50):\n"
+def test_20_cores_leave_nothing(session, clean, host):
+    session("for i in range(20):\n"
             "    db = VzDBAccess.DBCore()\n"
             "    assert db.Connect(%r, 'operator', 'password') == 0\n"
             "    drv = db.GetDriver('line1')\n"
@@ -379,6 +379,8 @@ def test_a_read_may_be_made_in_a_callback(session, plant):
 
 
 def test_an_exception_of_a_callback_is_reported_and_the_next_call_comes(session, plant):
+    if not session("hasattr(sys, 'unraisablehook')"):
+        pytest.skip("this interpreter has no hook for exceptions that cannot be raised")
     session("seen, calls = [], []\n"
             "sys.unraisablehook = lambda u: seen.append((u.exc_type.__name__, str(u.exc_value)))\n"
             "def note(d, t, v):\n"
@@ -506,7 +508,9 @@ def test_hooks_that_come_later_still_have_their_session(plant, host):
 
 # ---- fork ---------------------------------------------------------------------------------------
 
-FORK = BEGIN + ("def forked(body):\n"
+FORK = BEGIN + ("import warnings\n"
+                "warnings.simplefilter('ignore')  # newer interpreters warn of every such fork\n"
+                "def forked(body):\n"
                 "    pid = os.fork()\n"
                 "    if pid:\n"
                 "        return os.waitpid(pid, 0)[1]\n"
