@@ -35,6 +35,7 @@ struct SReceiveThread {
 };
 
 void* RecvThread(void* pParam) {
+    ReceiveThreadRuns();
     SReceiveThread* pThread = static_cast<SReceiveThread*>(pParam);
     // Given back also when the interpreter ends this thread inside a call, by unwinding its stack.
     struct SLeave {
@@ -89,11 +90,16 @@ int CDBCore::_Connect(LPCTSTR szHost, const char* szUserName, const char* szPass
     try {
         nResult = Login(szHost, szUserName, szPassword);
     } catch (...) {
-        CloseSockets();
+        AbandonConnect();
         throw;
     }
-    if (nResult != kConnected) CloseSockets();
+    if (nResult != kConnected) AbandonConnect();
     return nResult;
+}
+
+void CDBCore::AbandonConnect() {
+    CloseSockets();
+    m_mapDrvInfos.clear();  // as before the connect: no driver has been made yet
 }
 
 int CDBCore::Login(LPCTSTR szHost, const char* szUserName, const char* szPassword) {

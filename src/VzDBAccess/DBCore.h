@@ -145,6 +145,7 @@ class CDBCore : public CClientSock {
     bool FetchDriverInfos(const SNAckRegReq& ackRegReq);
     EGetFile SyncPrjFile(LPCTSTR szFileName, const std::map<CString, SNFileInfo>& mapFileInfos);
     bool StartSession();
+    void AbandonConnect();
     void CloseSockets();
     // Takes the session down when it is still the core's. m_opLock held.
     void TearDown(const std::shared_ptr<CDBSession>& pSession);

@@ -17,6 +17,8 @@ struct SRegistry {
     std::atomic<int> nThreads{0};
 };
 
+thread_local bool t_bReceiveThread = false;
+
 // Never destroyed: receive threads may outlive the destruction of statics.
 SRegistry& Registry() {
     static SRegistry& registry = *new SRegistry;
@@ -36,7 +38,7 @@ void AfterForkInParent() {
 }
 
 void AfterForkInChild() {
-    Registry().nThreads = 0;
+    Registry().nThreads = t_bReceiveThread ? 1 : 0;  // only the forking thread is left
     for (CDBCore* pCore : Registry().cores) {
         pCore->ForkedChild();
         pCore->UnlockAfterFork();
@@ -67,5 +69,6 @@ void EndAllSessions() {
 bool ProcessIsEnding() { return Registry().bEnding; }
 
 void ReceiveThreadStarts() { ++Registry().nThreads; }
+void ReceiveThreadRuns() { t_bReceiveThread = true; }
 void ReceiveThreadEnds() { --Registry().nThreads; }
 int ReceiveThreads() { return Registry().nThreads; }

@@ -14,7 +14,9 @@ void EndAllSessions();
 // Whether EndAllSessions has run. Thread-safe.
 bool ProcessIsEnding();
 
-// Receive threads alive in this process. Thread-safe.
+// Receive threads alive in this process: counted from before one is created until it ends, and
+// marked on the thread itself, so that a child that it forks counts right. Thread-safe.
 void ReceiveThreadStarts();
+void ReceiveThreadRuns();
 void ReceiveThreadEnds();
 int ReceiveThreads();

@@ -82,7 +82,7 @@ void _DrvRelease(SDriverRef* pDrv) { delete pDrv; }
 
 void _DBEndAll() {
     EndAllSessions();
-    if (ReceiveThreads() <= 0) return;
+    if (ReceiveThreads() == 0) return;
     Py_BEGIN_ALLOW_THREADS for (int i = 0; i < kExitPolls && ReceiveThreads() > 0; ++i)
         usleep(kExitPollUs);
     Py_END_ALLOW_THREADS

@@ -346,3 +346,30 @@ def test_many_sessions_at_once(fire):
          "[t.start() for t in workers]\n"
          "[t.join() for t in workers]\n"
          "settle(fds, tasks)", timeout=120)
+
+
+def test_a_callback_forks_and_its_child_connects_and_ends_cleanly(fire, plant):
+    fire("results = []\n"
+         "def fork(*arguments):\n"
+         "    global calls\n"
+         "    calls += 1\n"
+         "    if len(results) >= 5:\n"
+         "        return\n"
+         "    child = os.fork()\n"
+         "    if child == 0:\n"
+         "        code = 1\n"
+         "        try:\n"
+         "            mine = VzDBAccess.DBCore()\n"
+         "            assert mine.Connect(HOST, 'operator', 'password') == 0\n"
+         "            assert mine.GetDriver('line1').GetTagValue('b') == 2\n"
+         "            del mine\n"
+         "            code = 0\n"
+         "        finally:\n"
+         "            os._exit(code)\n"
+         "    results.append(os.waitpid(child, 0)[1])\n"
+         "db, drv = under_fire(fork)\n"
+         "wait(lambda: len(results) == 5)\n"
+         "assert results == [0] * 5, results\n"
+         "assert drv.GetTagValue('b') == 2\n"
+         "del db\n"
+         "settle(fds, tasks)")
