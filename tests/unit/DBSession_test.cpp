@@ -99,7 +99,7 @@ TEST(Session, KeepsRetiredDriversInMemory) {
 TEST(Session, ParkAndEndNeverMissEachOther) {
     int nParkedSeen = 0;
     int nGoneSeen = 0;
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < 100; ++i) {
         CDBSession session(-1);
         std::mutex interpreter;
         std::atomic<bool> bGone{false};
@@ -138,13 +138,13 @@ TEST(Session, ParkAndEndNeverMissEachOther) {
         receiver.join();
         EXPECT_FALSE(bLateCall);
     }
-    EXPECT_EQ(nParkedSeen + nGoneSeen, 500);
+    EXPECT_EQ(nParkedSeen + nGoneSeen, 100);
 }
 
 // Both at the same moment, over and over: the thread may not get leave to wait for the lock while
 // the ending takes it for one that is on its way out.
 TEST(Session, ParkAndEndAtTheSameMomentSeeEachOther) {
-    constexpr int kRounds = 100000;
+    constexpr int kRounds = 20000;
     std::vector<std::unique_ptr<CDBSession>> sessions;
     for (int i = 0; i < kRounds; ++i) sessions.push_back(std::make_unique<CDBSession>(-1));
     std::atomic<int> nReceiver{-1};
