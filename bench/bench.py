@@ -4,6 +4,10 @@ Client CPU time (user and system) per operation comes from getrusage of the clie
 The module runs in this process; the server and the ping-pong run in theirs, all on one core where
 the system lets them be pinned. Rounds of module and ping-pong alternate, and each ratio is formed
 within its round, so what else the machine does meets both alike.
+
+The delivery of changes is measured beside the floor: a thread that makes the same calls of the same
+function, and nothing else. A second floor receives the same bytes besides, which shows what of the
+module's time no client can save. There the servers have a core of their own, where there is one.
 """
 import argparse
 import itertools
@@ -12,28 +16,43 @@ import os
 import platform
 import resource
 import shutil
+import socket
 import statistics
+import struct
 import subprocess
 import sys
 import time
 
 import VzDBAccess
+import floor
 
 READ_SIZES = (1, 10, 100, 1000)
 SUBSCRIBED_TAG = 60000  # not among the tags that are read from the server
 CONNECTS = 20
 FIXED_PAUSES_MS = 18
 WARM_UPS = 200
+CHANGED_TAG = 60000  # of the changes that the server sends on order
+ORDER_TAGS = (64001, 64000)  # frames in one go, number of changes
+FRAMES = (256, 16)  # in one chunk
+LEAD_IN_CHUNKS = 100  # at first the client's system acknowledges before it receives
+BUSY_TURNS = 40  # of the interpreter's switch interval, in one round with a busy script thread
+WAIT_SECONDS = 0.01
+PATIENCE_SECONDS = 20
 CACHE_ROOT = "/tmp/vzbrowser"
 PROJECT = "bench"
 
 
 class ReplayServer:
-    """The server, in its own process; ends when its stdin is closed."""
+    """The server, in its own process; ends when its stdin is closed.
 
-    def __init__(self, program):
+    It runs on the given core, or else where this process runs.
+    """
+
+    def __init__(self, program, core=None):
         self._process = subprocess.Popen([program], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.port = int(self._process.stdout.readline())
+        if core is not None:
+            os.sched_setaffinity(self._process.pid, {core})
         never_preempts(self._process.pid)
         self.host = "127.0.0.1:%d" % self.port
         self._cache = os.path.join(CACHE_ROOT, self.host.replace(":", "_"))
@@ -69,13 +88,16 @@ class Spread:
 
 
 def pin_to_one_core():
-    """Pins this process and those it starts; returns the core, or None where that is refused."""
+    """Pins this process and those it starts; returns the core and another one.
+
+    The core is None where that is refused, the other one also where there is none.
+    """
     try:
-        core = max(os.sched_getaffinity(0))
+        *others, core = sorted(os.sched_getaffinity(0))
         os.sched_setaffinity(0, {core})
-        return core
+        return core, others[-1] if others else None
     except (AttributeError, OSError):
-        return None
+        return None, None
 
 
 def never_preempts(pid):
@@ -226,6 +248,194 @@ def connect_times(host):
     return Spread(times)
 
 
+class Changes:
+    """The changes that a script function was told of: values 1, 2, 3, ... in this order."""
+
+    def __init__(self):
+        count = last = 0
+
+        def on_change(driver, tag, value):
+            nonlocal count, last
+            count += 1
+            last = value
+
+        def restart():
+            nonlocal count, last
+            count = last = 0
+
+        self.on_change = on_change
+        self.restart = restart
+        self.count = lambda: count
+        self.last = lambda: last
+
+    def wait(self, count):
+        """Sleeps until so many came."""
+        deadline = time.perf_counter() + PATIENCE_SECONDS
+        while self.count() < count and time.perf_counter() < deadline:
+            time.sleep(WAIT_SECONDS)
+        self.check(count)
+
+    def wait_busily(self, count):
+        """The same for a script that has its own work to do."""
+        deadline = time.perf_counter() + PATIENCE_SECONDS
+        while self.count() < count and time.perf_counter() < deadline:
+            for _ in range(100):
+                pass
+        self.check(count)
+
+    def check(self, count):
+        if (self.count(), self.last()) != (count, count):
+            sys.exit("bench: of %d changes %d came, the last one %s"
+                     % (count, self.count(), self.last()))
+
+
+class Module:
+    """Has the module call changes.on_change for changes that the server sends."""
+
+    def __init__(self, host):
+        self._db = connect(host)
+        self._driver = self._db.GetDriver("bench")
+        if self._driver.ConnectTag(names_of([CHANGED_TAG])) != 1:
+            sys.exit("bench: the subscription failed")
+
+    def start(self, changes, count, frames):
+        self._driver.SetTagNotify(changes.on_change)  # the first one stays
+        self._order(LEAD_IN_CHUNKS * frames, frames)
+        changes.wait(LEAD_IN_CHUNKS * frames)
+        changes.restart()
+        self._cpu = cpu_seconds()
+        self._order(count, frames)
+
+    def join(self):
+        """CPU seconds of the process since the start."""
+        return cpu_seconds() - self._cpu
+
+    def close(self):
+        del self._driver, self._db
+
+    def _order(self, count, frames):
+        if self._driver.SetTagValue(names_of(ORDER_TAGS), [frames, count]) != 0:
+            sys.exit("bench: the order of changes failed")
+
+
+class Floor:
+    """Has a thread call changes.on_change in the same way."""
+
+    def start(self, changes, count, frames, channel=-1):
+        floor.start(changes.on_change, "bench", names_of([CHANGED_TAG]), count, frames, channel)
+
+    def join(self):
+        """CPU seconds of the thread."""
+        return floor.join()
+
+    def close(self):
+        pass
+
+
+class ReceivingFloor(Floor):
+    """The same for changes that the server sends, so the thread receives and waits too."""
+
+    def __init__(self, port):
+        self._orders = socket.create_connection(("127.0.0.1", port))
+        self._channel = socket.create_connection(("127.0.0.1", port))
+        self._channel.sendall(b"8")
+        self._channel.recv(512)
+
+    def start(self, changes, count, frames):
+        for number in (LEAD_IN_CHUNKS * frames, count):
+            changes.restart()
+            super().start(changes, number, frames, self._channel.fileno())
+            items = [struct.pack("<HHHI", 0, tag, 3, value)  # driver, tag, type code, value
+                     for tag, value in zip(ORDER_TAGS, (frames, number))]
+            self._orders.sendall(struct.pack("<cH", b"g", len(items)) + b"".join(items))
+            if number != count:
+                changes.wait(number)
+                self.join()
+
+    def close(self):
+        self._orders.close()
+        self._channel.close()
+
+
+class Delivery:
+    """Changes in chunks of so many frames, delivered by the module and by the floors."""
+
+    def __init__(self, sides, changes, frames):
+        self.frames = frames
+        self._sides = sides
+        self._changes = changes
+        self.cpu = {side: [] for side in sides}  # seconds of CPU for a change, for each round
+        self.rate = {side: [] for side in sides}  # changes in a second, script thread busy
+
+    def run(self, side, count, wait):
+        """CPU and wall seconds of so many changes."""
+        self._changes.restart()
+        self._sides[side].start(self._changes, count, self.frames)
+        start = time.perf_counter()
+        wait(count)
+        wall = time.perf_counter() - start
+        return self._sides[side].join(), wall
+
+    def count_for(self, side, seconds, wait):
+        """How many take so long; found by trying more and more."""
+        count, wall = 4 * self.frames, 0
+        while wall < seconds / 4:
+            count *= 2
+            wall = self.run(side, count, wait)[1]
+        return max(1, round(count * seconds / wall / self.frames)) * self.frames
+
+    def measure(self, rounds, seconds, idle_cpu):
+        """idle_cpu: seconds of CPU that this process takes for a second of waiting."""
+        idle, busy = self._changes.wait, self._changes.wait_busily
+        busy_seconds = BUSY_TURNS * sys.getswitchinterval()
+        idle_count = {side: self.count_for(side, seconds, idle) for side in self._sides}
+        busy_count = {side: self.count_for(side, busy_seconds, busy) for side in self._sides}
+        for i in range(rounds):
+            for side in self._sides if i % 2 == 0 else reversed(self._sides):
+                cpu, wall = self.run(side, idle_count[side], idle)
+                if side == "module":
+                    cpu -= idle_cpu * wall
+                self.cpu[side].append(cpu / idle_count[side])
+                wall = self.run(side, busy_count[side], busy)[1]
+                self.rate[side].append(busy_count[side] / wall)
+
+    def result(self):
+        def ratios(figures, side, upside_down):
+            pairs = zip(figures["module"], figures[side])
+            return Spread([f / m if upside_down else m / f for m, f in pairs])
+
+        floors = [side for side in self._sides if side != "module"]
+        return {
+            "cpu_us": {side: Spread([1e6 * cpu for cpu in self.cpu[side]]) for side in self._sides},
+            "cpu_ratio": {side: ratios(self.cpu, side, True) for side in floors},
+            "busy_per_second": {side: Spread(self.rate[side]) for side in self._sides},
+            "busy_ratio": {side: ratios(self.rate, side, False) for side in floors},
+        }
+
+
+def idle_cpu():
+    """Seconds of CPU that this process takes for a second of waiting."""
+    cpu, wall = cpu_seconds(), time.perf_counter()
+    while time.perf_counter() - wall < 0.5:
+        time.sleep(WAIT_SECONDS)
+    return (cpu_seconds() - cpu) / (time.perf_counter() - wall)
+
+
+def measure_deliveries(options, core):
+    """core: where the servers run; None: where this process runs."""
+    program = os.path.join(options.programs, "replay_server")
+    with ReplayServer(program, core) as server, ReplayServer(program, core) as second:
+        changes = Changes()
+        sides = {"module": Module(server.host), "receiving_floor": ReceivingFloor(second.port),
+                 "floor": Floor()}
+        deliveries = [Delivery(sides, changes, frames) for frames in FRAMES]
+        for delivery in deliveries:
+            delivery.measure(options.rounds, options.seconds, idle_cpu())
+        for side in sides.values():
+            side.close()
+        return {delivery.frames: delivery.result() for delivery in deliveries}
+
+
 def measure(options):
     with ReplayServer(os.path.join(options.programs, "replay_server")) as server:
         db = connect(server.host)
@@ -258,6 +468,23 @@ def print_table(results, connects, core, rounds):
           % (connects.text(1), CONNECTS, FIXED_PAUSES_MS))
 
 
+def print_deliveries(deliveries):
+    row = "%-10s" + 3 * " %-25s" + 2 * " %-17s"
+    for title, figures, ratio, digits in (
+            ("client CPU per change in µs, script thread idle; ratio = floor / module",
+             "cpu_us", "cpu_ratio", 3),
+            ("changes per second, script thread busy; ratio = module / floor",
+             "busy_per_second", "busy_ratio", 0)):
+        print()
+        print(title)
+        print(row % ("", "module", "floor that receives", "floor", "receiving ratio", "ratio"))
+        for frames, result in deliveries.items():
+            sides = ("module", "receiving_floor", "floor")
+            print(row % (("%d frames" % frames,)
+                         + tuple(result[figures][side].text(digits) for side in sides)
+                         + tuple(result[ratio][side].text(2) for side in sides[1:])))
+
+
 def cpu_model():
     try:
         with open("/proc/cpuinfo") as lines:
@@ -269,7 +496,7 @@ def cpu_model():
     return platform.processor()
 
 
-def write_json(path, results, connects, core, rounds):
+def write_json(path, results, connects, deliveries, core, rounds):
     document = {
         "machine": {"cpu": cpu_model(), "cores": os.cpu_count(), "arch": platform.machine(),
                     "kernel": platform.release(), "python": platform.python_version()},
@@ -278,6 +505,7 @@ def write_json(path, results, connects, core, rounds):
         "operations": results,
         "connect_ms": connects,
         "connect_fixed_pauses_ms": FIXED_PAUSES_MS,
+        "delivery_by_frames_in_a_chunk": deliveries,
     }
     with open(path, "w") as out:
         json.dump(document, out, indent=2, default=Spread.json)
@@ -295,10 +523,12 @@ def main():
     options = parser.parse_args()
     if options.rounds < 1:
         parser.error("at least one round")
-    core = pin_to_one_core()
+    core, server_core = pin_to_one_core()
     results, connects = measure(options)
+    deliveries = measure_deliveries(options, server_core)
     print_table(results, connects, core, options.rounds)
-    write_json(options.json, results, connects, core, options.rounds)
+    print_deliveries(deliveries)
+    write_json(options.json, results, connects, deliveries, core, options.rounds)
 
 
 if __name__ == "__main__":
