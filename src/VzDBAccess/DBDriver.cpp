@@ -265,7 +265,11 @@ bool CDBDriver::CopyValues(LPCTSTR tags, std::vector<XVariant>& values, std::vec
     known.reserve(reqTags.size());
     for (const STag* pTag : reqTags) {
         known.push_back(pTag != nullptr);
-        values.push_back(pTag ? pTag->value : XVariant());
+        if (pTag) {
+            values.push_back(pTag->value);
+        } else {
+            values.emplace_back();
+        }
     }
     return true;
 }

@@ -11,7 +11,6 @@ namespace {
 
 constexpr VARTYPE kVariantArray = VT_ARRAY | VT_VARIANT;
 constexpr size_t kCodeBytes = 2;
-constexpr size_t kPayloadBytes = 8;
 
 // The colour word 0x00BBGGRR of the hexadecimal digits RRGGBB.
 UINT ColourOfDigits(LPCSTR szDigits) {
@@ -67,20 +66,8 @@ void ReadPayload(CByteReader& reader, XVariant& value) {
 
 }  // namespace
 
-// The members of the union share their storage, and the compilers that this library is built with
-// define what reading another member than the last one stored gives: the same bytes.
-void XVariant::CopyPayload(const XVariant& other, size_t nBytes) {
-    std::memcpy(&llVal, &other.llVal, nBytes);
-}
-
-XVariant::XVariant(const XVariant& other) {
-    if (other.vt == VT_STR) {
-        if (other.pStrVal) pStrVal = new CString(*other.pStrVal);
-    } else {
-        const BYTE nWidth = GetVTSize(other.vt);
-        CopyPayload(other, nWidth ? nWidth : kPayloadBytes);
-    }
-    vt = other.vt;
+void XVariant::CopyText(const XVariant& other) {
+    if (other.pStrVal) pStrVal = new CString(*other.pStrVal);
 }
 
 XVariant& XVariant::operator=(const XVariant& other) {
@@ -88,11 +75,6 @@ XVariant& XVariant::operator=(const XVariant& other) {
     XVariant copy(other);
     if (copy.vt != VT_STR && GetVTSize(copy.vt) == 0) copy.llVal = 0;
     return Become(std::move(copy));
-}
-
-void XVariant::Swap(XVariant& other) noexcept {
-    std::swap(vt, other.vt);
-    std::swap(llVal, other.llVal);
 }
 
 void XVariant::Clear() {
@@ -283,15 +265,6 @@ bool XVariant::operator==(const XVariant& other) const {
         default:
             return GetVTSize(vt) != 0 && IntegerValue() == other.IntegerValue();
     }
-}
-
-BYTE XVariant::GetVTSize(VARTYPE vtValue) {
-    static constexpr BYTE kWidths[] = {
-        2, 4, 4, 8, 0, 8, 0, 0, 0, 1, 0,  // 2 to 12
-        0, 0, 0, 1, 1, 2, 4, 8, 0, 4, 4,  // 13 to 23
-    };
-    if (vtValue < VT_I2 || vtValue > VT_UINT) return 0;
-    return kWidths[vtValue - VT_I2];
 }
 
 UINT XVariant::GetVTSize(VARTYPE vtValue, UINT nCount) {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <utility>
 
 #include "VzDefine.h"
 #include "nonwin/cstring.h"
@@ -47,10 +48,21 @@ class XVariant {
     };
 
     XVariant() {}  // not defaulted: clang would then refuse `const XVariant value;`
-    ~XVariant() { Clear(); }
+    ~XVariant() {
+        if (vt == VT_STR) Clear();
+    }
 
     // Carries all 8 payload bytes of codes it does not know, unlike the assignment.
-    XVariant(const XVariant& other);
+    XVariant(const XVariant& other) {
+        if (other.vt == VT_STR) {
+            CopyText(other);
+        } else {
+            CopyPayload(other);
+        }
+        vt = other.vt;
+    }
+    // Leaves other empty.
+    XVariant(XVariant&& other) noexcept { Swap(other); }
     // Deliberate: of codes it does not know (VT_CY and VT_UI8 among them) only the code is taken,
     // the payload becomes zero. Assigning a value to itself changes nothing.
     XVariant& operator=(const XVariant& other);
@@ -137,7 +149,13 @@ class XVariant {
 
     // Bytes of the payload on the wire: 1, 2, 4 or 8; 0 for VT_STR, whose length is its own, and
     // for codes without payload.
-    static BYTE GetVTSize(VARTYPE vtValue);
+    static BYTE GetVTSize(VARTYPE vtValue) {
+        constexpr BYTE kWidths[] = {
+            2, 4, 4, 8, 0, 8, 0, 0, 0, 1, 0,  // 2 to 12
+            0, 0, 0, 1, 1, 2, 4, 8, 0, 4, 4,  // 13 to 23
+        };
+        return vtValue < VT_I2 || vtValue > VT_UINT ? BYTE{0} : kWidths[vtValue - VT_I2];
+    }
     // Bytes of nCount packed elements, booleans as bits, modulo 2^32.
     // Deliberate: 0 for VT_DATE, as for every code without elements.
     static UINT GetVTSize(VARTYPE vtValue, UINT nCount);
@@ -172,12 +190,34 @@ class XVariant {
 
   private:
     // Takes over the content of other, which ends with the former one.
-    void Swap(XVariant& other) noexcept;
+    void Swap(XVariant& other) noexcept {
+        std::swap(vt, other.vt);
+        std::swap(llVal, other.llVal);
+    }
     XVariant& Become(XVariant&& other) noexcept {
         Swap(other);
         return *this;
     }
-    void CopyPayload(const XVariant& other, size_t nBytes);
+    void CopyText(const XVariant& other);
+    // The bytes of other's payload by its width; all 8 of codes that are not known. The members
+    // share their storage, and the compilers that this library is built with define what reading
+    // another member than the last one stored gives: the same bytes.
+    void CopyPayload(const XVariant& other) {
+        switch (GetVTSize(other.vt)) {
+            case 1:
+                bVal = other.bVal;
+                break;
+            case 2:
+                uiVal = other.uiVal;
+                break;
+            case 4:
+                ulVal = other.ulVal;
+                break;
+            default:
+                llVal = other.llVal;
+                break;
+        }
+    }
     // The text of a VT_STR up to its first zero byte, "" when there is none.
     LPCSTR Text() const { return pStrVal ? pStrVal->c_str() : ""; }
     // The value of an integer or boolean code, 0 for every other.
