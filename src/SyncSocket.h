@@ -125,7 +125,8 @@ class CSyncSocket {
     // refuses.
     bool SetKeepAlive();
     // Has the system send what it is given at once. Without it a request that follows one without a
-    // reply waits for the peer's delayed acknowledgement, some 40 ms. False when the system refuses.
+    // reply waits for the peer's delayed acknowledgement, some 40 ms. False when the system
+    // refuses.
     bool SetNoDelay();
 
   protected:

@@ -44,6 +44,21 @@ PyObject* AlarmArgs(const S2RtAlarm2& alarm, PyObject* almtm, PyObject* evttm, P
     return args;
 }
 
+// What a call of fn gave is of no use; that it failed is.
+void ReleaseOrReport(PyObject* fn, PyObject* result) {
+    if (!result) PyErr_WriteUnraisable(fn);
+    Py_XDECREF(result);
+}
+
+// Calls fn with three arguments. args[0] is the interpreter's to use.
+PyObject* CallWithThree(PyObject* fn, PyObject** args) {
+#if PY_VERSION_HEX >= 0x03090000  // without a tuple, which costs as much as the call
+    return PyObject_Vectorcall(fn, args + 1, 3 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+#else
+    return PyObject_CallFunctionObjArgs(fn, args[1], args[2], args[3], nullptr);
+#endif
+}
+
 }  // namespace
 
 // Alarm record, 32 bytes: almtm u32, evttm u32, tid u16, type u16, grp u16, level u8, status u8,
@@ -67,10 +82,8 @@ PyObject* TextToObj(const CString& strUtf8) {
 
 void CallAndReport(PyObject* fn, PyObject* args) {
     Py_INCREF(fn);  // the call itself may drop the script's last reference
-    PyObject* result = args ? PyObject_CallObject(fn, args) : nullptr;
-    if (!result) PyErr_WriteUnraisable(fn);
+    ReleaseOrReport(fn, args ? PyObject_CallObject(fn, args) : nullptr);
     Py_XDECREF(args);
-    Py_XDECREF(result);
     Py_DECREF(fn);
 }
 
@@ -91,8 +104,8 @@ void FireRtAlarm(PyObject* rtAlarmNotifyFn, const S2RtAlarm2* pRA,
 
 void CNotifyCall::SetTagChange(PyObject* fn, const CString& strDriver, const CString& strTag,
                                const XVariant& value) {
-    ToUtf8(strDriver, m_strDriver, 0);
-    ToUtf8(strTag, m_strTag, 0);
+    m_driver.Set(strDriver);
+    m_tag.Set(strTag);
     m_value = value;
     m_fn = fn;
     m_nKind = EKind::kTagChange;
@@ -115,11 +128,14 @@ void CNotifyCall::MakeCall() {
     }
     PyObject* value = CDBDriver::ValueToObj(&m_value);
     if (!value && !PyErr_Occurred()) return;  // a type without a script object: nothing to tell
-    PyObject* driver = value ? TextToObj(m_strDriver) : nullptr;
-    PyObject* tag = driver ? TextToObj(m_strTag) : nullptr;
-    PyObject* args = tag ? PyTuple_Pack(3, driver, tag, value) : nullptr;
+    PyObject* driver = value ? TextToObj(m_driver.Get()) : nullptr;
+    PyObject* tag = driver ? TextToObj(m_tag.Get()) : nullptr;
+    PyObject* args[] = {nullptr, driver, tag, value};
+    PyObject* fn = m_fn;
+    Py_INCREF(fn);  // as in CallAndReport
+    ReleaseOrReport(fn, tag ? CallWithThree(fn, args) : nullptr);
     Py_XDECREF(value);
     Py_XDECREF(driver);
     Py_XDECREF(tag);
-    CallAndReport(m_fn, args);
+    Py_DECREF(fn);
 }

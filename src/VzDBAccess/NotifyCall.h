@@ -3,12 +3,31 @@
 
 #include <Python.h>
 
+#include <string>
 #include <vector>
 
 #include "ByteCursor.h"
 #include "nonwin/XVariant.h"
 #include "nonwin/cstring.h"
 #include "vznetdef.h"
+
+// A name in UTF-8, converted from GB2312 only when it is another one than before.
+class CNameUtf8 {
+  public:
+    void Set(const std::string& strName) {
+        if (m_strName == strName) return;
+        std::string strCopy(strName);
+        CString strUtf8;
+        ToUtf8(strName.c_str(), strUtf8, 0);
+        m_strName.swap(strCopy);
+        m_strUtf8.swap(strUtf8);
+    }
+    const CString& Get() const { return m_strUtf8; }
+
+  private:
+    std::string m_strName;  // GB2312
+    CString m_strUtf8;
+};
 
 // One call of a script function, filled from a frame without the interpreter lock and made with it.
 // Reused from frame to frame.
@@ -41,8 +60,8 @@ class CNotifyCall {
 
     EKind m_nKind = EKind::kNone;
     PyObject* m_fn = nullptr;
-    CString m_strDriver;  // UTF-8
-    CString m_strTag;     // UTF-8
+    CNameUtf8 m_driver;
+    CNameUtf8 m_tag;
     XVariant m_value;
     S2RtAlarm2 m_alarm = {};
     const std::vector<CString>* m_pTextList = nullptr;
