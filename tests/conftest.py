@@ -12,6 +12,7 @@ VZ_TIME_SCALE    factor on every deadline
 """
 
 import os
+import shutil
 import sys
 
 import pytest
@@ -20,6 +21,7 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "python"))
 sys.path.insert(0, os.path.join(ROOT, "tests", "harness"))
 
+from cache import cache_folder  # noqa: E402
 from plants import SMALL_PLANT  # noqa: E402
 from script import Script  # noqa: E402
 from vzsim import SimProcess  # noqa: E402
@@ -30,6 +32,7 @@ def plant():
     """The small plant, simulated; its clock stands still."""
     with SimProcess(SMALL_PLANT) as simulator:
         yield simulator
+        shutil.rmtree(cache_folder("%s:%d" % (simulator.host, simulator.port)), True)
 
 
 @pytest.fixture

@@ -10,15 +10,9 @@ import shutil
 import pytest
 
 import tasks
+from cache import cache_folder
 from plants import SMALL_PLANT
 from vzsim import Simulator
-
-CACHE = "/tmp/vzbrowser"
-
-
-def cache_folder(host):
-    """The cache folder of a host text without special characters but ":"."""
-    return os.path.join(CACHE, host.replace(":", "_"))
 
 
 @pytest.fixture

@@ -10,9 +10,9 @@ import time
 import pytest
 
 import wire
+from cache import CACHE
 from script import run
 
-CACHE = "/tmp/vzbrowser"
 LOGIN = ("operator", "password")
 RELAY_PORT = 3968
 FOLDERS = ["3DWnd", "CtmGph", "DBDrv", "ExtData", "Media", "RecData", "RecData/Alarm2",
