@@ -577,6 +577,19 @@ def test_the_callback_survives_a_lost_connection(session, plant, subscribe, reco
     assert told(1, 2) == ["valve"]
 
 
+def test_a_subscription_from_a_call_for_an_existing_alarm_comes_first(
+        session, plant, sent, push, told_levels):
+    plant.raise_alarm(level=1)
+    session("def outer(*alarm):\n"
+            "    calls.append(alarm)\n"
+            "    db.SetRtAlarmNotify(note, 0)\n"
+            "db.SetRtAlarmNotify(outer, 1)")
+    assert [data[:1] for data in sent()] == [b"n", b"4", b"4", b"n"]   # the lists are there
+    push(frame(level=2))
+    push(frame(level=3))
+    assert told_levels(3) == [1, 2, 3]
+
+
 # ---- failures -----------------------------------------------------------------------------------
 
 def check_unset(session, push, told_levels):

@@ -254,6 +254,17 @@ def test_an_unusable_frame_drops_the_rest_of_its_chunk(line1, push, values, name
     assert values(2) == [1, 3]
 
 
+@pytest.mark.parametrize("name, asked", [
+    ("i2", False), ("empty", False), ("empty", True), ("null", True)])
+def test_a_tag_without_a_type_has_no_length(session, line1, push, values, name, asked):
+    if asked:
+        session("drv.ConnectTag(%r)" % name)
+    for size in range(9):
+        push(wire.change(0, LINE1[name], bytes(size)) + i4(A, size))
+    push(i4(B, -1))
+    assert values(1) == [-1]
+
+
 @pytest.mark.parametrize("name", ["empty", "null", "cy", "ui8", "array"])
 def test_a_value_without_bytes_drops_the_rest_of_its_chunk(session, line1, push, values, name):
     session("drv.ConnectTag(%r)" % name)
@@ -288,6 +299,14 @@ def test_each_system_frame_has_the_length_of_its_type(line1, push, values):
     assert delivered == set(LENGTHS)
     assert found == [n for number in range(256)
                      for n in ([number] if number in LENGTHS else []) + [-1]]
+
+
+@pytest.mark.parametrize("size", sorted(set(LENGTHS.values())))
+def test_other_types_have_no_length(line1, push, values, size):
+    for number in sorted(set(range(256)) - set(LENGTHS)):
+        push(naming(number, 0, A, bytes(40))[:size] + i4(A, number))
+    push(i4(B, -1))
+    assert values(1) == [-1]
 
 
 @pytest.mark.parametrize("change", [-1, 1])
