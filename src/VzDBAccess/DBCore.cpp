@@ -1,7 +1,6 @@
 #include "VzDBAccess/DBCore.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -165,9 +164,8 @@ bool CDBCore::FetchDriverInfos(const SNAckRegReq& ackRegReq) {
 }
 
 bool CDBCore::StartSession() {
-    const SOCKET hReceive = fcntl(m_rcvSock, F_DUPFD_CLOEXEC, 0);
-    if (hReceive < 0) return false;
-    std::shared_ptr<CDBSession> pSession = std::make_shared<CDBSession>(hReceive);
+    std::shared_ptr<CDBSession> pSession = std::make_shared<CDBSession>();
+    if (!pSession->Duplicate(m_rcvSock)) return false;
     size_t nDrivers = m_mapDrvInfos.size();
     for (const auto& entry : m_mapDrvInfos)
         nDrivers = std::max(nDrivers, entry.second.id + size_t{1});
@@ -233,14 +231,15 @@ void CDBCore::TearDown(const std::shared_ptr<CDBSession>& pSession) {
 }
 
 void CDBCore::ClearDrivers() {
-    std::vector<std::unique_ptr<CDBDriver>> drivers;
-    for (auto& entry : m_mapDrvInfos)
-        drivers.emplace_back(std::exchange(entry.second.pDriver, nullptr));
-    m_mapDrvInfos.clear();
-    std::lock_guard<std::mutex> data(m_dataLock);
-    std::fill(m_pDrivers.begin(), m_pDrivers.end(), nullptr);
-    // The receive thread may be using one of them: they live as long as it knows the session.
-    if (m_pSession) m_pSession->Retire(std::move(drivers));
+    std::map<CString, SNDrvInfoEx> drivers;
+    drivers.swap(m_mapDrvInfos);
+    {
+        std::lock_guard<std::mutex> data(m_dataLock);
+        std::fill(m_pDrivers.begin(), m_pDrivers.end(), nullptr);
+        // The receive thread may be using one of them: they live as long as it knows the session.
+        if (m_pSession) m_pSession->Retire(drivers);
+    }
+    for (auto& entry : drivers) delete entry.second.pDriver;
 }
 
 void CDBCore::SignalExit(const CDBSession* pSession) {

@@ -338,10 +338,8 @@ struct CDBDriver::SEncoded {
         UINT nLen = 0;
         SItem item;
         if (ObjToBuf(obj, buf, nLen)) item.strBytes.assign(buf, buf + nLen);
-        if (PyErr_Occurred()) {
-            PyErr_Clear();
-            item.bOverflow = true;
-        }
+        item.bOverflow = PyErr_Occurred() && PyErr_ExceptionMatches(PyExc_OverflowError);
+        if (item.bOverflow) PyErr_Clear();
         items.push_back(std::move(item));
     }
 
@@ -350,6 +348,7 @@ struct CDBDriver::SEncoded {
         if (!bList) Add(obj);
         // The size is asked anew each time: script code may run when an error is set.
         for (Py_ssize_t i = 0; bList && i < nMax && i < PyList_GET_SIZE(obj); ++i) {
+            if (PyErr_Occurred()) return;
             PyObject* value = PyList_GET_ITEM(obj, i);
             if (!value) {  // an empty slot of a list that a read gave
                 items.emplace_back();
@@ -363,8 +362,11 @@ struct CDBDriver::SEncoded {
 };
 
 int CDBDriver::SetTagValue(LPCTSTR tags, PyObject* tagValues) {
+    // Asked again with the session held still; now it saves encoding in vain.
+    if (!(m_pDBCore->m_nRights & kRightWrite)) return kWriteForbidden;
     const auto nNames = std::count(tags, tags + std::strlen(tags), ',') + 1;
     const SEncoded values(tagValues, static_cast<Py_ssize_t>(nNames));
+    if (PyErr_Occurred()) return kWriteUnencodable;
     bool bOverflow = false;
     const int nResult = WriteValues(tags, values, bOverflow);
     if (bOverflow) {
@@ -411,8 +413,8 @@ bool CDBDriver::ObjToBuf(PyObject* objValue, BYTE* buf, UINT& len) {
     if (PyUnicode_Check(objValue)) {
         Py_ssize_t nText = 0;
         const char* szText = PyUnicode_AsUTF8AndSize(objValue, &nText);
-        if (!szText) {  // no UTF-8 form: a lone surrogate
-            PyErr_Clear();
+        if (!szText) {  // no UTF-8 form: a lone surrogate; a want of memory stays an error
+            if (PyErr_ExceptionMatches(PyExc_UnicodeError)) PyErr_Clear();
             return false;
         }
         // The wire ends a text at its first zero byte.

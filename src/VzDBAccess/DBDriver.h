@@ -89,8 +89,8 @@ class CDBDriver {
     int SetTagValue(LPCTSTR tags, PyObject* tagValues);
 
     // A changed value came: nLen bytes at pBuf, without type code. Stores it and, when a callback
-    // is set, fills call. Returns the bytes consumed, or 0xFFFF, with the record unchanged. The
-    // core's data lock is held.
+    // is set, fills call. Returns the bytes consumed, or kUnusableFrame, with the record
+    // unchanged. The core's data lock is held.
     int OnDBNotify(DWORD tagId, const BYTE* pBuf, size_t nLen, CNotifyCall& call);
 
     // The script object of a value: int, float, bool or str. Text is taken as UTF-8. Null without
@@ -99,8 +99,8 @@ class CDBDriver {
 
     // Encodes a script object with its type code at offset len of buf, which has kMaxWriteBytes,
     // and advances len. str, bool, int and float and their subclasses can be encoded (bool has
-    // none). False, with buf and len untouched and no error set, when it cannot be encoded or does
-    // not fit. An int outside 32 bits is encoded as -1 and sets OverflowError.
+    // none). False, with len untouched, when it cannot be encoded or does not fit; an error is set
+    // only when memory ran out. An int outside 32 bits is encoded as -1 and sets OverflowError.
     static bool ObjToBuf(PyObject* objValue, BYTE* buf, UINT& len);
 
     std::atomic<PyObject*> m_tagNotifyFn{nullptr};  // borrowed

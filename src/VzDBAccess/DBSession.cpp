@@ -1,19 +1,18 @@
 #include "VzDBAccess/DBSession.h"
 
+#include <fcntl.h>
 #include <unistd.h>
-
-#include <utility>
 
 #include "VzDBAccess/DBDriver.h"
 
-CDBSession::CDBSession(SOCKET hReceive) : m_hReceive(hReceive) {}
-
 CDBSession::~CDBSession() {
     if (m_hReceive >= 0) ::close(m_hReceive);
+    for (auto& entry : m_retired) delete entry.second.pDriver;
 }
 
-void CDBSession::Retire(std::vector<std::unique_ptr<CDBDriver>> drivers) {
-    m_retired = std::move(drivers);
+bool CDBSession::Duplicate(SOCKET hNotify) {
+    m_hReceive = fcntl(hNotify, F_DUPFD_CLOEXEC, 0);
+    return m_hReceive >= 0;
 }
 
 void CDBSession::ForkedChild() {

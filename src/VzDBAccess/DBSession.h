@@ -2,12 +2,11 @@
 #pragma once
 
 #include <atomic>
-#include <memory>
-#include <vector>
+#include <map>
 
 #include "VzDefine.h"
-
-class CDBDriver;
+#include "nonwin/cstring.h"
+#include "vzcommondef.h"
 
 // Made by each successful connect and shared by the core, its receive thread and, weakly, the
 // script's driver objects. A thread of an earlier session sees only its own.
@@ -28,8 +27,7 @@ class CDBDriver;
 // Python:    none.
 class CDBSession {
   public:
-    // hReceive: the notification connection, a descriptor of its own (a duplicate).
-    explicit CDBSession(SOCKET hReceive);
+    CDBSession() = default;
     CDBSession(const CDBSession&) = delete;
     CDBSession& operator=(const CDBSession&) = delete;
     ~CDBSession();
@@ -50,10 +48,13 @@ class CDBSession {
     void Unpark() { m_bParked = false; }
     bool Parked() const { return m_bParked; }
 
+    // Takes a duplicate of the notification connection for the thread to read. False when there is
+    // no descriptor to be had. Once, before the thread starts.
+    bool Duplicate(SOCKET hNotify);
     SOCKET ReceiveSocket() const { return m_hReceive; }
 
     // Takes over drivers that the thread may be using. They are freed with the session.
-    void Retire(std::vector<std::unique_ptr<CDBDriver>> drivers);
+    void Retire(std::map<CString, SNDrvInfoEx>& drivers) noexcept { m_retired.swap(drivers); }
 
     // In a forked child, where the receive thread does not exist: ends the session and closes the
     // descriptor without shutting the parent's connection down.
@@ -62,6 +63,6 @@ class CDBSession {
   private:
     std::atomic<bool> m_bEnded{false};
     std::atomic<bool> m_bParked{false};
-    SOCKET m_hReceive;
-    std::vector<std::unique_ptr<CDBDriver>> m_retired;
+    SOCKET m_hReceive = -1;
+    std::map<CString, SNDrvInfoEx> m_retired;
 };

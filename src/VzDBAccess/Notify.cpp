@@ -60,7 +60,7 @@ void CDBCore::WalkChunk(CDBSession& session, const BYTE* pChunk, size_t nChunk, 
             bLocked = true;
             if (session.Ended()) break;
         }
-        call.MakeCall();
+        call.MakeCall(session);
     }
     if (bLocked) {
         PyGILState_Release(gil);

@@ -26,12 +26,16 @@ PyObject* ListText(const std::vector<CString>& list, WORD nIndex) {
     return nIndex < list.size() ? TextToObj(list[nIndex]) : PyUnicode_FromString("???");
 }
 
-// The arguments of an alarm's call. Takes over the five objects, null ones too. Null with an error
-// set when one is missing.
-PyObject* AlarmArgs(const S2RtAlarm2& alarm, PyObject* almtm, PyObject* evttm, PyObject* tag,
-                    PyObject* type, PyObject* group) {
+// The arguments of an alarm's call; null with an error set when one cannot be made.
+PyObject* AlarmArgs(const S2RtAlarm2& alarm, const std::vector<CString>& textList,
+                    const std::vector<CString>& tagList) {
+    PyObject* almtm = LocalDateTime(alarm.almtm);
+    PyObject* evttm = almtm ? LocalDateTime(alarm.evttm ? alarm.evttm : alarm.almtm) : nullptr;
+    PyObject* tag = evttm ? ListText(tagList, alarm.tid) : nullptr;
+    PyObject* type = tag ? ListText(textList, alarm.type) : nullptr;
+    PyObject* group = type ? ListText(textList, alarm.grp) : nullptr;
     PyObject* args = nullptr;
-    if (almtm && evttm && tag && type && group) {
+    if (group) {
         args = Py_BuildValue("(OOOiOOiddi)", almtm, evttm, tag, alarm.evttm != 0 ? 1 : 0, type,
                              group, static_cast<int>(alarm.level), alarm.value, alarm.limit,
                              static_cast<int>(alarm.status));
@@ -81,10 +85,8 @@ PyObject* TextToObj(const CString& strUtf8) {
 }
 
 void CallAndReport(PyObject* fn, PyObject* args) {
-    Py_INCREF(fn);  // the call itself may drop the script's last reference
     ReleaseOrReport(fn, args ? PyObject_CallObject(fn, args) : nullptr);
     Py_XDECREF(args);
-    Py_DECREF(fn);
 }
 
 bool LoadDateTime() {
@@ -94,12 +96,7 @@ bool LoadDateTime() {
 
 void FireRtAlarm(PyObject* rtAlarmNotifyFn, const S2RtAlarm2* pRA,
                  const std::vector<CString>& textList, const std::vector<CString>& tagList) {
-    PyObject* almtm = LocalDateTime(pRA->almtm);
-    PyObject* evttm = almtm ? LocalDateTime(pRA->evttm ? pRA->evttm : pRA->almtm) : nullptr;
-    PyObject* tag = evttm ? ListText(tagList, pRA->tid) : nullptr;
-    PyObject* type = tag ? ListText(textList, pRA->type) : nullptr;
-    PyObject* group = type ? ListText(textList, pRA->grp) : nullptr;
-    CallAndReport(rtAlarmNotifyFn, AlarmArgs(*pRA, almtm, evttm, tag, type, group));
+    CallAndReport(rtAlarmNotifyFn, AlarmArgs(*pRA, textList, tagList));
 }
 
 void CNotifyCall::SetTagChange(PyObject* fn, const CString& strDriver, const CString& strTag,
@@ -121,21 +118,39 @@ void CNotifyCall::SetAlarm(PyObject* fn, const S2RtAlarm2& alarm,
     m_nKind = EKind::kAlarm;
 }
 
-void CNotifyCall::MakeCall() {
+void CNotifyCall::MakeCall(const CDBSession& session) {
+    PyObject* fn = m_fn;
+    Py_INCREF(fn);  // before anything is made: a collection of garbage may drop the script's own
     if (m_nKind == EKind::kAlarm) {
-        FireRtAlarm(m_fn, &m_alarm, *m_pTextList, *m_pTagList);
+        CallWithAlarm(session);
+    } else {
+        CallWithChange(session);
+    }
+    Py_DECREF(fn);
+}
+
+void CNotifyCall::CallWithAlarm(const CDBSession& session) {
+    PyObject* args = AlarmArgs(m_alarm, *m_pTextList, *m_pTagList);
+    if (session.Ended()) {
+        PyErr_Clear();
+        Py_XDECREF(args);
         return;
     }
+    CallAndReport(m_fn, args);
+}
+
+void CNotifyCall::CallWithChange(const CDBSession& session) {
     PyObject* value = CDBDriver::ValueToObj(&m_value);
     if (!value && !PyErr_Occurred()) return;  // a type without a script object: nothing to tell
     PyObject* driver = value ? TextToObj(m_driver.Get()) : nullptr;
     PyObject* tag = driver ? TextToObj(m_tag.Get()) : nullptr;
     PyObject* args[] = {nullptr, driver, tag, value};
-    PyObject* fn = m_fn;
-    Py_INCREF(fn);  // as in CallAndReport
-    ReleaseOrReport(fn, tag ? CallWithThree(fn, args) : nullptr);
+    if (session.Ended()) {
+        PyErr_Clear();
+    } else {
+        ReleaseOrReport(m_fn, tag ? CallWithThree(m_fn, args) : nullptr);
+    }
     Py_XDECREF(value);
     Py_XDECREF(driver);
     Py_XDECREF(tag);
-    Py_DECREF(fn);
 }

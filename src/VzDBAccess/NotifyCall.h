@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "ByteCursor.h"
+#include "VzDBAccess/DBSession.h"
 #include "nonwin/XVariant.h"
 #include "nonwin/cstring.h"
 #include "vznetdef.h"
@@ -51,12 +52,17 @@ class CNotifyCall {
     void SetAlarm(PyObject* fn, const S2RtAlarm2& alarm, const std::vector<CString>& textList,
                   const std::vector<CString>& tagList);
 
-    // Calls the function. What it returns is released; what it raises goes to sys.unraisablehook.
-    // Counts references by hand and owns nothing: the interpreter may end the calling thread here.
-    void MakeCall();
+    // Calls the function, unless the session ends first: making the arguments may start a
+    // collection of garbage, and with it any script code. What the function returns is released;
+    // what it raises goes to sys.unraisablehook. Counts references by hand and owns nothing: the
+    // interpreter may end the calling thread here.
+    void MakeCall(const CDBSession& session);
 
   private:
     enum class EKind { kNone, kTagChange, kAlarm };
+
+    void CallWithChange(const CDBSession& session);
+    void CallWithAlarm(const CDBSession& session);
 
     EKind m_nKind = EKind::kNone;
     PyObject* m_fn = nullptr;
@@ -75,8 +81,9 @@ bool DecodeAlarm(CByteReader& reader, S2RtAlarm2& alarm);
 // null with MemoryError set. Needs the interpreter lock.
 PyObject* TextToObj(const CString& strUtf8);
 
-// Calls fn with args, which it releases; null args are an error already set. Needs the interpreter
-// lock. Results are released, errors reported through sys.unraisablehook.
+// Calls fn, which the caller holds, with args, which it releases; null args are an error already
+// set. Results are released, errors reported through sys.unraisablehook. Needs the interpreter
+// lock.
 void CallAndReport(PyObject* fn, PyObject* args);
 
 // Loads the interpreter's datetime interface; false with an error set when it cannot be had. Needs

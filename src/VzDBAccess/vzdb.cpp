@@ -18,15 +18,20 @@ namespace {
 constexpr useconds_t kExitPollUs = 1000;
 constexpr int kExitPolls = 500;
 
-// Keeps a driver in memory for one call.
+// Keeps a driver and its core in memory for one call: script code that a collection of garbage runs
+// in the middle of it may drop the script's last reference to either.
 class CDriverUse {
   public:
     explicit CDriverUse(const SDriverRef* pRef)
         : m_pSession(pRef ? pRef->pSession.lock() : nullptr),
           m_pDriver(pRef ? pRef->pDriver : nullptr) {
-        // A core ends its session before it goes, so a session that lives has its core.
+        // A core ends its session before it goes, so now a session that lives has its core.
         if (!m_pSession || m_pSession->Ended()) throw StaleDriver();
+        m_pDriver->m_pDBCore->Hold();
     }
+    ~CDriverUse() { m_pDriver->m_pDBCore->LetGo(); }
+    CDriverUse(const CDriverUse&) = delete;
+    CDriverUse& operator=(const CDriverUse&) = delete;
     CDBDriver* operator->() const { return m_pDriver; }
 
   private:

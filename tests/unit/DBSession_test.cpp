@@ -19,23 +19,43 @@ namespace {
 
 bool IsOpen(int h) { return fcntl(h, F_GETFD) != -1; }
 
-int ADescriptor() { return ::dup(2); }
+// A session that reads a duplicate of the standard error's descriptor, whose number h gets.
+std::shared_ptr<CDBSession> Reading(int& h) {
+    auto pSession = std::make_shared<CDBSession>();
+    EXPECT_TRUE(pSession->Duplicate(2));
+    h = pSession->ReceiveSocket();
+    return pSession;
+}
+
+TEST(Session, ReadsADescriptorOfItsOwn) {
+    int h = -1;
+    const auto pSession = Reading(h);
+    EXPECT_NE(h, 2);
+    EXPECT_TRUE(IsOpen(h));
+    EXPECT_EQ(fcntl(h, F_GETFD), FD_CLOEXEC);
+}
+
+TEST(Session, HasNothingToReadWithoutAConnection) {
+    CDBSession session;
+    EXPECT_FALSE(session.Duplicate(-1));
+    EXPECT_EQ(session.ReceiveSocket(), -1);
+}
 
 TEST(Session, BeginsAliveAndNotParked) {
-    const CDBSession session(-1);
+    const CDBSession session;
     EXPECT_FALSE(session.Ended());
     EXPECT_FALSE(session.Parked());
 }
 
 TEST(Session, EndsForOneCallerOnly) {
-    CDBSession session(-1);
+    CDBSession session;
     EXPECT_TRUE(session.End());
     EXPECT_FALSE(session.End());
     EXPECT_TRUE(session.Ended());
 }
 
 TEST(Session, ThreadThatParksFirstIsSeenByTheEnding) {
-    CDBSession session(-1);
+    CDBSession session;
     EXPECT_TRUE(session.Park());
     EXPECT_TRUE(session.End());
     EXPECT_TRUE(session.Parked());
@@ -44,15 +64,15 @@ TEST(Session, ThreadThatParksFirstIsSeenByTheEnding) {
 }
 
 TEST(Session, EndingThatComesFirstKeepsTheThreadFromParking) {
-    CDBSession session(-1);
+    CDBSession session;
     EXPECT_TRUE(session.End());
     EXPECT_FALSE(session.Park());
     EXPECT_FALSE(session.Parked());
 }
 
 TEST(Session, ClosesItsDescriptorWithItsLastHolder) {
-    const int h = ADescriptor();
-    auto pOne = std::make_shared<CDBSession>(h);
+    int h = -1;
+    auto pOne = Reading(h);
     auto pTwo = pOne;
     pOne.reset();
     EXPECT_TRUE(IsOpen(h));
@@ -61,34 +81,34 @@ TEST(Session, ClosesItsDescriptorWithItsLastHolder) {
 }
 
 TEST(Session, EndingLeavesTheDescriptorOpen) {
-    const int h = ADescriptor();
-    CDBSession session(h);
-    session.End();
+    int h = -1;
+    const auto pSession = Reading(h);
+    pSession->End();
     EXPECT_TRUE(IsOpen(h));
-    EXPECT_EQ(session.ReceiveSocket(), h);
+    EXPECT_EQ(pSession->ReceiveSocket(), h);
 }
 
 TEST(Session, InAForkedChildIsEndedAndClosed) {
-    const int h = ADescriptor();
-    CDBSession session(h);
-    session.Park();
-    session.ForkedChild();
-    EXPECT_TRUE(session.Ended());
-    EXPECT_FALSE(session.Parked());
+    int h = -1;
+    const auto pSession = Reading(h);
+    pSession->Park();
+    pSession->ForkedChild();
+    EXPECT_TRUE(pSession->Ended());
+    EXPECT_FALSE(pSession->Parked());
     EXPECT_FALSE(IsOpen(h));
-    EXPECT_EQ(session.ReceiveSocket(), -1);
+    EXPECT_EQ(pSession->ReceiveSocket(), -1);
 }
 
 TEST(Session, KeepsRetiredDriversInMemory) {
     CDBCore* pCore = new CDBCore;
     {
-        CDBSession session(-1);
-        auto pDriver = std::make_unique<CDBDriver>(pCore, &session, WORD{0}, CString("D"));
-        CDBDriver* pBorrowed = pDriver.get();
-        std::vector<std::unique_ptr<CDBDriver>> drivers;
-        drivers.push_back(std::move(pDriver));
-        session.Retire(std::move(drivers));
-        EXPECT_EQ(pBorrowed->m_strDriver, "D");
+        CDBSession session;
+        std::map<CString, SNDrvInfoEx> drivers;
+        CDBDriver* pDriver = new CDBDriver(pCore, &session, 0, CString("D"));
+        drivers[CString("D")].pDriver = pDriver;
+        session.Retire(drivers);
+        EXPECT_TRUE(drivers.empty());
+        EXPECT_EQ(pDriver->m_strDriver, "D");
     }
     pCore->LetGo();
 }
@@ -100,7 +120,7 @@ TEST(Session, ParkAndEndNeverMissEachOther) {
     int nParkedSeen = 0;
     int nGoneSeen = 0;
     for (int i = 0; i < 100; ++i) {
-        CDBSession session(-1);
+        CDBSession session;
         std::mutex interpreter;
         std::atomic<bool> bGone{false};
         std::atomic<bool> bEnded{false};
@@ -146,7 +166,7 @@ TEST(Session, ParkAndEndNeverMissEachOther) {
 TEST(Session, ParkAndEndAtTheSameMomentSeeEachOther) {
     constexpr int kRounds = 20000;
     std::vector<std::unique_ptr<CDBSession>> sessions;
-    for (int i = 0; i < kRounds; ++i) sessions.push_back(std::make_unique<CDBSession>(-1));
+    for (int i = 0; i < kRounds; ++i) sessions.push_back(std::make_unique<CDBSession>());
     std::atomic<int> nReceiver{-1};
     std::atomic<int> nEnding{-1};
     // Comes to a round together with the other side.

@@ -12,7 +12,6 @@ class Frames : public ::testing::Test {
   protected:
     Frames()
         : core(new CDBCore),
-          session(-1),
           boiler(core, &session, 0, CString("Boiler")),
           mill(core, &session, 2, CString("Mill")) {
         boiler.SetTagCount(8);
@@ -194,7 +193,7 @@ TEST_F(Frames, CallbackGetsDriverTagAndValue) {
     boiler.SetCBFunc(NotingFunction());
     Length(Change(7, Hex("2A 00 00 00")));
     ASSERT_TRUE(call.Wanted());
-    call.MakeCall();
+    call.MakeCall(session);
     EXPECT_EQ(Repr("calls"), "[('Boiler', 'Temp', 42)]");
 }
 
@@ -206,7 +205,7 @@ TEST_F(Frames, CallbackGetsNamesAsUtf8) {
     core->m_pDrivers[0] = &driver;
     driver.SetCBFunc(NotingFunction());
     Length(Change(0, U32(2)));
-    call.MakeCall();
+    call.MakeCall(session);
     EXPECT_EQ(Repr("calls"), "[('\xE4\xB8\xAD', '\xE6\x96\x87', 2)]");
 }
 
@@ -215,7 +214,7 @@ TEST_F(Frames, CallbackIsCalledWithWhatTheFrameHeld) {
     boiler.SetCBFunc(NotingFunction());
     Length(Change(0, Z("new")));
     boiler.m_tags[0].value = "newer";
-    call.MakeCall();
+    call.MakeCall(session);
     EXPECT_EQ(Repr("calls"), "[('Boiler', '', 'new')]");
 }
 
@@ -233,7 +232,7 @@ TEST_F(Frames, CallbackIsABorrowedReference) {
     boiler.SetCBFunc(fn);
     SetType(0, VT_UI1);
     Length(Change(0, U8(1)));
-    call.MakeCall();
+    call.MakeCall(session);
     EXPECT_EQ(Py_REFCNT(fn.Get()), nBefore);
 }
 
@@ -245,7 +244,7 @@ TEST_F(Frames, ResultOfACallbackIsReleased) {
     const std::string strBefore = Repr("sys.getrefcount(keep)");
     for (int i = 0; i < 10; ++i) {
         Length(Change(0, U8(1)));
-        call.MakeCall();
+        call.MakeCall(session);
     }
     EXPECT_EQ(Repr("sys.getrefcount(keep)"), strBefore);
 }
@@ -260,7 +259,7 @@ TEST_F(Frames, ErrorOfACallbackIsReportedAndCleared) {
     boiler.SetCBFunc(fn);
     SetType(0, VT_UI1);
     Length(Change(0, U8(1)));
-    call.MakeCall();
+    call.MakeCall(session);
     EXPECT_EQ(TakeError(), "");
     EXPECT_EQ(Repr("[(c[0], c[1] is fail) for c in caught]"), "[('SystemExit', True)]");
     RunScript("sys.unraisablehook = old\n");
@@ -270,7 +269,7 @@ TEST_F(Frames, TypeWithoutAnObjectIsStoredButNotTold) {
     boiler.SetCBFunc(NotingFunction());
     SetType(0, VT_I8);
     EXPECT_EQ(Length(Change(0, Hex("05 00 00 00 00 00 00 00"))), 12);
-    if (call.Wanted()) call.MakeCall();
+    if (call.Wanted()) call.MakeCall(session);
     EXPECT_EQ(Repr("calls"), "[]");
     EXPECT_EQ(boiler.m_tags[0].value.llVal, 5);
     EXPECT_EQ(TakeError(), "");
@@ -280,7 +279,7 @@ TEST_F(Frames, TextThatIsNoUtf8IsToldWithReplacementCharacters) {
     boiler.SetCBFunc(NotingFunction());
     SetType(0, VT_STR);
     Length(Change(0, Z("\xD6\xD0")));
-    call.MakeCall();
+    call.MakeCall(session);
     EXPECT_EQ(Repr("calls[0][2]"), "'\xEF\xBF\xBD\xEF\xBF\xBD'");
 }
 
