@@ -65,14 +65,6 @@ struct SField {
     }
 };
 
-// The file system's form of a GB2312 path. Empty, so that no file is met by it, when the path is no
-// GB2312 text: the conversion stops there, and what is left would be another path.
-CString FileSystemPath(const std::string& strPath) {
-    CT2UTF8 strUtf8(strPath);
-    if (CUTF82T(strUtf8) != strPath) return CString();
-    return strUtf8;
-}
-
 // The low 32 bits: all that the protocol tells of times and sizes, on every host.
 template <class TNumber>
 DWORD Low32(TNumber n) {
@@ -81,7 +73,8 @@ DWORD Low32(TNumber n) {
 
 bool IsCurrent(const struct stat& st, DWORD dwTime, DWORD dwSize) {
     const int64_t nApart = int64_t{Low32(st.st_mtime)} - int64_t{dwTime};
-    return nApart <= kSameTimeSeconds && nApart >= -kSameTimeSeconds && st.st_size == dwSize;
+    return nApart <= kSameTimeSeconds && nApart >= -kSameTimeSeconds && st.st_size == dwSize &&
+           !XFile::IsUnfinished(st);
 }
 
 // "<prefix>Time:%X\r\n<...>Size:%X\r\n" for a file that is held.
@@ -127,10 +120,16 @@ class CBodyReceiver {
 };
 
 EGetFile CBodyReceiver::Receive(const CString& strTarget, char* buf, int nLen, int nPos) {
-    if (!m_file.Open(strTarget, O_WRONLY | O_CREAT | (m_fi.bAppend ? 0 : O_TRUNC)))
-        return EGetFile::kNotWritten;
-    if (m_fi.bAppend) m_file.Seek(0, SEEK_END);
+    if (!m_file.Open(strTarget, O_WRONLY | O_CREAT)) return EGetFile::kNotWritten;
+    // Another process may be filling or reading the same cache. Only what is ours is emptied.
+    if (!m_file.Lock(true, kFileLockMs)) return EGetFile::kFailed;
+    m_file.MarkUnfinished(true);
+    if (m_fi.bAppend)
+        m_file.Seek(0, SEEK_END);
+    else
+        m_file.SetFileSize(0);
     const bool bComplete = ReceiveAll(buf, nLen, nPos);
+    if (bComplete) m_file.MarkUnfinished(false);
     m_file.Close();
 
     // Not after a write that failed: the file must not pass for the server's by its time either.

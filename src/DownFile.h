@@ -58,10 +58,10 @@ enum class [[nodiscard]] EGetFile{
 // is at most 3 seconds off is current. pGetFileCB: may be null. szAddP2p: a relay prefix that goes
 // between code and name; may be null.
 //
-// After kFailed a partial file stays, stamped with the server's time: its size tells it apart. When
-// it was the cache that could not be written, the file is cut to 0 bytes and not stamped, so that
-// neither size nor time make it pass for the server's. All results but kFailed
-// and kNotWritten leave the socket at the end of the reply.
+// While a file is being filled it is locked and marked as unfinished (see XFile). After kFailed a
+// partial file stays so, stamped with the server's time: its size tells the server's from it. When
+// it was the cache that could not be written, the file is cut to 0 bytes and not stamped. After
+// kWritten the socket is at the end of the reply; after kNotWritten the body is still to come.
 EGetFile TransferFile(const char* szFileName, CSyncSocket& sock, char nCode, const char* szPath,
                       unsigned long mtime, unsigned long size, IGetFileCB* pGetFileCB,
                       const char* szAddP2p);

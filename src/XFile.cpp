@@ -1,9 +1,10 @@
 #include "XFile.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <sys/file.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "nonwin/cstring.h"
@@ -13,12 +14,19 @@ static_assert(sizeof(off_t) == 8, "files are addressed with 64 bits on every hos
 namespace {
 
 constexpr mode_t kNewFileMode = 0600;
+constexpr long kLockPollMs = 10;
 
 }  // namespace
 
+CString FileSystemPath(const std::string& strPath) {
+    CT2UTF8 strUtf8(strPath);
+    if (CUTF82T(strUtf8) != strPath) return CString();
+    return strUtf8;
+}
+
 bool XFile::OpenA(LPCSTR szFile, int flags, bool /*bWriteDirect*/) {
     if (IsOpen()) return true;
-    m_fh = open(szFile, flags | O_CLOEXEC, flags & O_CREAT ? kNewFileMode : 0);
+    m_fh = open(szFile, flags | O_CLOEXEC | O_NONBLOCK, flags & O_CREAT ? kNewFileMode : 0);
     return IsOpen();
 }
 
@@ -32,6 +40,26 @@ void XFile::Close() {
     if (!IsOpen()) return;
     close(m_fh);
     m_fh = -1;
+}
+
+bool XFile::Lock(bool bAlone, long nTimeOutMs) {
+    for (long nWaited = 0;; nWaited += kLockPollMs) {
+        if (flock(m_fh, (bAlone ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0) return true;
+        if (errno != EWOULDBLOCK) return true;
+        if (nWaited >= nTimeOutMs || usleep(kLockPollMs * 1000) != 0) return false;
+    }
+}
+
+void XFile::MarkUnfinished(bool bUnfinished) {
+    struct stat st;
+    if (fstat(m_fh, &st) != 0) return;
+    const mode_t nMode = st.st_mode & 07777 & ~static_cast<mode_t>(S_ISVTX);
+    fchmod(m_fh, bUnfinished ? nMode | S_ISVTX : nMode);
+}
+
+bool XFile::IsUnfinished() const {
+    struct stat st;
+    return fstat(m_fh, &st) == 0 && IsUnfinished(st);
 }
 
 int XFile::Read(void* buffer, unsigned int count) {

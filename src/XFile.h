@@ -1,7 +1,19 @@
 // XFile: an unbuffered file on a descriptor.
 #pragma once
 
+#include <sys/stat.h>
+
+#include <string>
+
 #include "VzDefine.h"
+#include "nonwin/cstring.h"
+
+// How long a file of the cache is waited for while another process has it locked.
+constexpr long kFileLockMs = 8000;
+
+// The file system's form (UTF-8) of a GB2312 path. Empty, so that no file is met by it, when the
+// path is no GB2312 text: the conversion stops there, and what is left would be another path.
+CString FileSystemPath(const std::string& strPath);
 
 // One open file, or none. Every read and write is one system call.
 //
@@ -18,9 +30,9 @@ class XFile {
     XFile& operator=(const XFile&) = delete;
 
     // Opens szFile, a path in the file system's encoding (UTF-8), with the POSIX open flags; a file
-    // that O_CREAT makes gets mode 0600, less the umask. bWriteDirect is of no effect. False when
-    // the system refuses. True at once when a file is open already: that one stays open, whatever
-    // szFile says.
+    // that O_CREAT makes gets mode 0600, less the umask. Never waits, as opening a named pipe
+    // might. bWriteDirect is of no effect. False when the system refuses. True at once when a file
+    // is open already: that one stays open, whatever szFile says.
     bool OpenA(LPCSTR szFile, int flags, bool bWriteDirect = false);
     // The same for a path in GB2312.
     bool OpenT(LPCSTR szFile, int flags, bool bWriteDirect = false);
@@ -29,6 +41,17 @@ class XFile {
         return OpenA(szFile, flags, bWriteDirect);
     }
     bool IsOpen() const { return m_fh >= 0; }
+
+    // Locks the open file against other processes that lock it, until it is closed: bAlone to
+    // write, else to read beside others. Waits at most nTimeOutMs milliseconds, or until a signal
+    // comes; false when the lock was not to be had. True too on a file system that knows no locks.
+    bool Lock(bool bAlone, long nTimeOutMs);
+
+    // Marks the open file as one whose content has not come to its end, or takes the mark away. The
+    // mark is the file's sticky bit, which means nothing else on a file, and outlives the process.
+    void MarkUnfinished(bool bUnfinished);
+    bool IsUnfinished() const;
+    static bool IsUnfinished(const struct stat& st) { return (st.st_mode & S_ISVTX) != 0; }
     // Nothing when no file is open.
     void Close();
 

@@ -1,6 +1,6 @@
 // Records of the wire. Their layout is the wire's; integers are little-endian unless a comment says
-// otherwise. Fields are taken apart and put together byte by byte, never by laying a record over a
-// buffer: the sizes and offsets are asserted so that the records document the bytes truly.
+// otherwise. Fields are taken apart and put together byte by byte, except the login record, which
+// is copied whole. The sizes and offsets are asserted so that the records document the bytes truly.
 #pragma once
 
 #include <cstddef>

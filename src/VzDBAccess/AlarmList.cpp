@@ -41,6 +41,7 @@ void InitStringList(const char* szStrListPath, std::vector<CString>& strList) {
     char buf[kReadBytes];
     for (int nRead; (nRead = file.Read(buf, sizeof buf)) > 0;) {
         for (int i = 0; i < nRead; ++i) {
+            if (strList.size() == kMaxListLines) return;
             if (buf[i] == '\n') {
                 AppendLine(strLine, strList);
             } else if (strLine.size() <= kMaxListLine) {

@@ -7,6 +7,8 @@
 
 // Bytes of a list file's line; what a longer one has beyond them is dropped.
 constexpr size_t kMaxListLine = 255;
+// Lines that an index of 16 bits can name; what follows them is not read.
+constexpr size_t kMaxListLines = 65536;
 
 // Fills an empty list with the lines of a list file, as UTF-8. szStrListPath: path, GB2312. Lines
 // end with LF, one CR before it is dropped; the last line may lack its LF. Empty lines take no

@@ -54,17 +54,10 @@ bool StartsWith(const CString& str, const char* szPrefix) {
     return str.compare(0, std::strlen(szPrefix), szPrefix) == 0;
 }
 
-// A file of the project folder as the file system knows it (UTF-8).
-CString LocalPath(const CString& strPrjPath, LPCTSTR szFileName) {
-    CString strPath = strPrjPath;
-    strPath += szFileName;
-    return CT2UTF8(strPath);
-}
-
 // Size in bytes of a file of the project folder, -1 when there is none.
 int64_t LocalSize(const CString& strPrjPath, LPCTSTR szFileName) {
     struct stat st;
-    return ::stat(LocalPath(strPrjPath, szFileName), &st) == 0 ? st.st_size : -1;
+    return ::stat(FileSystemPath(strPrjPath + szFileName), &st) == 0 ? st.st_size : -1;
 }
 
 }  // namespace
@@ -159,8 +152,7 @@ bool CDBCore::FetchDriverInfos(const SNAckRegReq& ackRegReq) {
     if (eHow == EGetFile::kNotWritten && LocalSize(m_strPrjPath, kDrvInfoFile) != info.size) {
         return true;
     }
-    LoadPrjDrvInfo(m_strPrjPath, m_mapDrvInfos);
-    return true;
+    return LoadPrjDrvInfo(m_strPrjPath, m_mapDrvInfos);
 }
 
 bool CDBCore::StartSession() {
@@ -302,7 +294,7 @@ EGetFile CDBCore::SyncPrjFile(LPCTSTR szFileName,
         return TransferFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, kUnknownToServer,
                             kUnknownToServer, nullptr, nullptr);
     }
-    ::remove(LocalPath(m_strPrjPath, szFileName));
+    ::remove(FileSystemPath(m_strPrjPath + szFileName));
     return EGetFile::kRemoved;
 }
 

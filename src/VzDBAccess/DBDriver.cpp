@@ -141,6 +141,16 @@ bool CDBDriver::ReqBatchGetPoss(std::list<CString>& curTags, const char* szSend,
     return true;
 }
 
+// The records whose values a reply brings, in order, and how far it has come.
+struct CDBDriver::SReplyValues {
+    const std::vector<STag*>& asked;
+    const bool bSubscribe;  // the values are those of a subscription
+    size_t nNext = 0;
+    int nEmptyChunks = 0;  // in a row
+
+    bool Complete() const { return nNext == asked.size(); }
+};
+
 // ---- Subscribe and read -------------------------------------------------------------------------
 
 // Request: 'b', count (2), then for each tag driver id (2), tag id (2), 0.
@@ -172,19 +182,14 @@ bool CDBDriver::_ConnectTag(LPCTSTR tags) {
 // order asked. Code and length must each come in one receive.
 bool CDBDriver::ReadSubscribed(const std::vector<STag*>& asked) {
     CReqTimeSock& sock = m_pDBCore->m_reqSock;
-    BYTE chunk[kChunkBytes];
-    int nEmpty = 0;
-    for (size_t nNext = 0; nNext < asked.size();) {
+    SReplyValues values{asked, true};
+    while (!values.Complete()) {
         BYTE header[kSubscribeHeader];
         if (sock._Recv(header, 1, 0) != 1 || header[0] != kReqSubscribe) return false;
         if (sock._Recv(header + 1, 2, 0) != 2) return false;
         CByteReader reader(header, sizeof header);
         reader.Take(1);
-        const WORD nChunk = reader.ReadU16();
-        if (nChunk > kChunkBytes || !sock.RecvAll(chunk, nChunk, 0)) return false;
-        nEmpty = nChunk ? 0 : nEmpty + 1;
-        if (nEmpty == kMaxEmptyChunks) return false;
-        if (!StoreValues(chunk, nChunk, asked, nNext, true)) return false;
+        if (!TakeChunk(reader.ReadU16(), values)) return false;
     }
     return true;
 }
@@ -215,37 +220,39 @@ bool CDBDriver::_GetTagValue(LPCTSTR tags, std::vector<STag*>& reqTags) {
 // missing.
 bool CDBDriver::ReadAsked(const std::vector<STag*>& asked) {
     CReqTimeSock& sock = m_pDBCore->m_reqSock;
-    BYTE chunk[kChunkBytes];
-    int nEmpty = 0;
-    bool bMore = true;
-    for (size_t nNext = 0; bMore && nNext < asked.size();) {
+    SReplyValues values{asked, false};
+    for (bool bMore = true; bMore && !values.Complete();) {
         BYTE header[kReadHeader];
         if (sock._Recv(header, sizeof header, 0) != static_cast<int>(sizeof header)) return false;
         CByteReader reader(header, sizeof header);
         if (reader.ReadU8() != kReqRead) return false;
         bMore = reader.ReadU8() == 1;
-        const WORD nChunk = reader.ReadU16();
-        if (nChunk > kChunkBytes || !sock.RecvAll(chunk, nChunk, 0)) return false;
-        nEmpty = nChunk ? 0 : nEmpty + 1;
-        if (nEmpty == kMaxEmptyChunks) return false;
-        if (!StoreValues(chunk, nChunk, asked, nNext, false)) return false;
+        if (!TakeChunk(reader.ReadU16(), values)) return false;
     }
     return true;
 }
 
-// Stores the values of one chunk into the asked records from nNext on, which it advances. False for
-// a value cut by the chunk's end and for more values than asked.
-bool CDBDriver::StoreValues(const BYTE* pChunk, size_t nChunk, const std::vector<STag*>& asked,
-                            size_t& nNext, bool bSubscribe) {
+// Receives the nChunk bytes of a chunk and stores their values. False when they do not come, are
+// too many, or are the last of too many empty chunks in a row.
+bool CDBDriver::TakeChunk(WORD nChunk, SReplyValues& values) {
+    BYTE chunk[kChunkBytes];
+    if (nChunk > sizeof chunk || !m_pDBCore->m_reqSock.RecvAll(chunk, nChunk, 0)) return false;
+    values.nEmptyChunks = nChunk ? 0 : values.nEmptyChunks + 1;
+    return values.nEmptyChunks < kMaxEmptyChunks && StoreValues(chunk, nChunk, values);
+}
+
+// Stores the values of one chunk into the records whose turn it is. False for a value cut by the
+// chunk's end and for more values than asked.
+bool CDBDriver::StoreValues(const BYTE* pChunk, size_t nChunk, SReplyValues& values) {
     std::lock_guard<std::mutex> data(m_pDBCore->m_dataLock);
     for (size_t nPos = 0; nPos < nChunk;) {
-        if (nNext == asked.size()) return false;
-        STag& tag = *asked[nNext];
+        if (values.Complete()) return false;
+        STag& tag = *values.asked[values.nNext];
         const bool bArray = IsArray(pChunk + nPos, nChunk - nPos);
         const size_t nUsed = tag.value.FromBuffer(pChunk + nPos, nChunk - nPos, true);
         if (nUsed == XVariant::kUndecodable) return false;
-        if (bSubscribe) tag.bSubscribe = true;
-        ++nNext;
+        if (values.bSubscribe) tag.bSubscribe = true;
+        ++values.nNext;
         // The size of an array's elements is not part of its value's size, so nothing can follow
         // it.
         if (bArray) break;

@@ -113,6 +113,7 @@ class CDBDriver {
 
   private:
     struct SEncoded;
+    struct SReplyValues;
 
     STag* RecordOf(WORD nId) { return nId < m_tags.size() ? &m_tags[nId] : nullptr; }
     void NameRecord(STag& tag, const CString& strName);
@@ -120,8 +121,8 @@ class CDBDriver {
                          std::vector<STag*>& reqTags);
     bool ReadSubscribed(const std::vector<STag*>& asked);
     bool ReadAsked(const std::vector<STag*>& asked);
-    bool StoreValues(const BYTE* pChunk, size_t nChunk, const std::vector<STag*>& asked,
-                     size_t& nNext, bool bSubscribe);
+    bool TakeChunk(WORD nChunk, SReplyValues& values);
+    bool StoreValues(const BYTE* pChunk, size_t nChunk, SReplyValues& values);
     bool CopyValues(LPCTSTR tags, std::vector<XVariant>& values, std::vector<bool>& known);
     int WriteValues(LPCTSTR tags, const SEncoded& values, bool& bOverflow);
 

@@ -37,16 +37,19 @@ void ParseDrvInfo(const BYTE* pData, size_t nSize, std::map<CString, T>& mapDrvI
 }
 
 // Adds the drivers of RecData/drvinfo.dat to the map. strPrjPath: project folder, GB2312, with its
-// "/". A file that is missing or below kMinDrvInfoBytes changes nothing.
+// "/". A file that is missing or below kMinDrvInfoBytes changes nothing. False, with nothing
+// loaded, for one whose transfer broke off, or that another process does not let go.
 template <typename T>
-void LoadPrjDrvInfo(const CString& strPrjPath, std::map<CString, T>& mapDrvInfos) {
+bool LoadPrjDrvInfo(const CString& strPrjPath, std::map<CString, T>& mapDrvInfos) {
     CString strFilePath = strPrjPath;
     strFilePath += kDrvInfoFile;
     XFile file;
-    if (!file.OpenT(strFilePath, O_RDONLY, false)) return;
+    if (!file.OpenT(strFilePath, O_RDONLY, false)) return true;
+    if (!file.Lock(false, kFileLockMs) || file.IsUnfinished()) return false;
     const UINT dwSize = file.GetFileSize();
-    if (dwSize < kMinDrvInfoBytes || dwSize > kMaxDrvInfoBytes) return;
+    if (dwSize < kMinDrvInfoBytes || dwSize > kMaxDrvInfoBytes) return true;
     std::vector<BYTE> data(dwSize);
     const int nRead = file.Read(data.data(), dwSize);
     if (nRead > 0) ParseDrvInfo(data.data(), static_cast<size_t>(nRead), mapDrvInfos);
+    return true;
 }

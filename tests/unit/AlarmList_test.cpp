@@ -83,4 +83,9 @@ TEST(ListFile, MissingFileLeavesTheListEmpty) {
     EXPECT_TRUE(list.empty());
 }
 
+TEST(ListFile, LinesBeyondTheLastIndexAreNotRead) {
+    const std::string strLines = Lines(Repeat("x\n", 65537));
+    EXPECT_EQ(strLines.size(), 2u * 65536);
+}
+
 }  // namespace

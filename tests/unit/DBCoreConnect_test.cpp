@@ -340,6 +340,27 @@ TEST_F(Connecting, HalfWrittenDriverFileIsAskedForAgain) {
     EXPECT_EQ(core->m_mapDrvInfos.size(), 2u);
 }
 
+// What is left of a transfer that broke off is no driver file, whatever the server says of it.
+class HalfDriverFile : public Connecting, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(HalfDriverFile, IsNeverLoaded) {
+    OrderHellos();
+    OrderUser();
+    server.Expect(0, kFirstDrvInfoRequest);
+    server.Send(0, plant.DrvInfoReply().substr(0, plant.DrvInfoReply().size() - 8));
+    server.Close(0);
+    ExpectFailure(-2);
+    OrderHellos(2);
+    OrderUser(2);
+    server.Expect(2, "4RecData/drvinfo.dat\r\nLastTime:5F5E1000\r\nSize:C\r\nHello:Yes\r\n\r\n");
+    server.Send(2, GetParam());
+    ExpectFailure(-2);
+    EXPECT_TRUE(core->m_mapDrvInfos.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Replies, HalfDriverFile,
+                         ::testing::Values("UseLast:Yes\r\n\r\n", "GZ:Yes\r\nSize:1\r\n\r\nx"));
+
 // A driver file in the cache that cannot be written: a program that runs. Its bytes read as entries
 // of some kind.
 class CRunningFile {

@@ -1,10 +1,14 @@
 // The body of a file transfer: what is written, stamped, told and acknowledged.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <thread>
+
 #include "DownFileFixture.h"
+#include "XFile.h"
 
 namespace {
 
@@ -285,6 +289,45 @@ TEST_F(DownFileBody, AcknowledgementThatCannotBeSentIsLeftToTheNextReceive) {
     m_sock.m_sendResults = {1, -1};
     EXPECT_EQ(TransferOf({"Size:30D40\r\nHello:Yes\r\n\r\n", Pattern(200000)}), EGetFile::kWritten);
     EXPECT_EQ(m_sock.m_sent.size(), 2u);
+}
+
+TEST_F(DownFileBody, BrokenOffTransferLeavesTheFileMarkedUntilOneIsComplete) {
+    EXPECT_EQ(TransferOf({"Size:6\r\nFileTime:10\r\n\r\nabc"}), EGetFile::kFailed);
+    EXPECT_TRUE(XFile::IsUnfinished(m_folder.Stat("f.dat")));
+    EXPECT_EQ(TransferOf({"Size:6\r\nFileTime:10\r\n\r\nabcdef"}), EGetFile::kWritten);
+    EXPECT_FALSE(XFile::IsUnfinished(m_folder.Stat("f.dat")));
+}
+
+TEST_F(DownFileBody, UnfinishedFileIsNeverCurrent) {
+    EXPECT_EQ(TransferOf({"Size:6\r\nFileTime:10\r\n\r\nabc"}), EGetFile::kFailed);
+    m_sock.m_script = {"UseLast:Yes\r\n\r\n"};
+    EXPECT_EQ(Transfer("f.dat", 16, 3), EGetFile::kKept);
+}
+
+// Descriptors of this process on a file.
+int OpenedTimes(const std::string& strPath) {
+    int nCount = 0;
+    for (int h = 0; h < 256; ++h) {
+        char szTo[512];
+        const ssize_t n = readlink(("/proc/self/fd/" + std::to_string(h)).c_str(), szTo, 512);
+        if (n > 0 && std::string(szTo, static_cast<size_t>(n)) == strPath) ++nCount;
+    }
+    return nCount;
+}
+
+TEST_F(DownFileBody, FileThatAnotherProcessReadsIsNotTouchedUntilItLetsGo) {
+    m_folder.Put("f.dat", "held");
+    XFile reader;
+    ASSERT_TRUE(reader.OpenA(m_folder.Path("f.dat").c_str(), O_RDONLY));
+    ASSERT_TRUE(reader.Lock(false, 0));
+    EGetFile eResult = EGetFile::kFailed;
+    std::thread transfer([&] { eResult = TransferOf({"Size:3\r\nFileTime:10\r\n\r\nnew"}); });
+    while (OpenedTimes(m_folder.Path("f.dat")) < 2) usleep(1000);
+    EXPECT_EQ(m_folder.Get("f.dat"), "held");
+    reader.Close();
+    transfer.join();
+    EXPECT_EQ(eResult, EGetFile::kWritten);
+    EXPECT_EQ(m_folder.Get("f.dat"), "new");
 }
 
 }  // namespace

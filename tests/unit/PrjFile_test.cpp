@@ -159,4 +159,12 @@ TEST_F(PrjFile, ThatTheServerDoesNotHaveIsTrueAndGone) {
     EXPECT_EQ(Get("Media/a"), "(none)");
 }
 
+TEST_F(PrjFile, NameThatIsNoGb2312RemovesNoOtherFile) {
+    Put("other/x", "kept");
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(Sync("other/x\xFF\xFE.cfg"));
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(Get("other/x"), "kept");
+}
+
 }  // namespace

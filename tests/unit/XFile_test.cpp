@@ -233,4 +233,53 @@ TEST_F(XFileTest, IsNeverCopied) {
     EXPECT_FALSE(std::is_copy_assignable<XFile>::value);
 }
 
+TEST_F(XFileTest, OpeningANamedPipeDoesNotWaitForItsOtherEnd) {
+    ASSERT_EQ(mkfifo(Path("pipe").c_str(), 0600), 0);
+    EXPECT_FALSE(Open("pipe", O_WRONLY | O_CREAT));
+    EXPECT_TRUE(Open("pipe", O_RDONLY));
+    char c;
+    EXPECT_EQ(m_file.Read(&c, 1), 0);
+}
+
+TEST_F(XFileTest, ALockKeepsOthersOutUntilTheFileIsClosed) {
+    XFile other;
+    ASSERT_TRUE(Open("a", O_WRONLY | O_CREAT));
+    ASSERT_TRUE(other.OpenA(Path("a").c_str(), O_RDONLY));
+    EXPECT_TRUE(m_file.Lock(true, 0));
+    EXPECT_FALSE(other.Lock(true, 0));
+    EXPECT_FALSE(other.Lock(false, 20));
+    m_file.Close();
+    EXPECT_TRUE(other.Lock(true, 0));
+}
+
+TEST_F(XFileTest, ReadersShareALock) {
+    XFile other;
+    m_folder.Put("a", "abc");
+    ASSERT_TRUE(Open("a", O_RDONLY));
+    ASSERT_TRUE(other.OpenA(Path("a").c_str(), O_RDONLY));
+    EXPECT_TRUE(m_file.Lock(false, 0));
+    EXPECT_TRUE(other.Lock(false, 0));
+    EXPECT_FALSE(other.Lock(true, 0));
+}
+
+TEST_F(XFileTest, AnUnfinishedFileIsKnownByItsMark) {
+    ASSERT_TRUE(Open("a", O_WRONLY | O_CREAT));
+    EXPECT_FALSE(m_file.IsUnfinished());
+    m_file.MarkUnfinished(true);
+    m_file.Close();
+    ASSERT_TRUE(Open("a", O_RDWR));
+    EXPECT_TRUE(m_file.IsUnfinished());
+    m_file.MarkUnfinished(false);
+    EXPECT_FALSE(m_file.IsUnfinished());
+    EXPECT_EQ(m_folder.Stat("a").st_mode & 07777, 0600u);
+}
+
+TEST(FileSystemPath, IsUtf8) { EXPECT_EQ(FileSystemPath("/a/\xCB\xAE"), "/a/\xE6\xB0\xB4"); }
+
+TEST(FileSystemPath, IsEmptyForWhatIsNoGb2312) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(FileSystemPath("/a/x\xFF\xFE.cfg"), "");
+    EXPECT_NE(testing::internal::GetCapturedStderr(), "");
+}
+
 }  // namespace
