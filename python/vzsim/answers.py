@@ -50,7 +50,7 @@ def _login(plant: Plant, session: Session, request: requests.Login) -> Answer:
 
 
 def _paths(plant: Plant, session: Session, request: requests.Paths) -> Answer:
-    return _reply(frames.paths_reply([path.encode("gb2312") for path in plant.spec.paths]))
+    return _reply(frames.paths_reply([path.encode("gb2312") for path in plant.layout.paths]))
 
 
 def _file(plant: Plant, session: Session, request: FileRequest) -> Answer:

@@ -6,7 +6,7 @@ from typing import Any, Dict, Optional, Tuple
 
 from . import scrambler
 from .channel import Channel
-from .plantfile import CenterSpec
+from .plantfile import CenterLayout
 from .requests import Hello, ReceiveHello
 
 
@@ -17,11 +17,12 @@ class Routes:
     address and port directly sends that address as the name.
     """
 
-    def __init__(self, name: str, project: str, host: str, entries: Dict[str, CenterSpec]) -> None:
+    def __init__(self, name: str, project: str, host: str,
+                 entries: Dict[str, CenterLayout]) -> None:
         self._entries = entries
         self._own = {name, project, host, "localhost"}
 
-    def find(self, wire_name: bytes) -> Tuple[bool, Optional[CenterSpec]]:
+    def find(self, wire_name: bytes) -> Tuple[bool, Optional[CenterLayout]]:
         """Return (whether the name is known, its target; None is the plant itself)."""
         for encoding in ("utf-8", "gb2312"):
             try:

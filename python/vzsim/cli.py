@@ -36,7 +36,7 @@ def _options() -> argparse.ArgumentParser:
     return parser
 
 
-def _centers(options: argparse.Namespace) -> Dict[str, plantfile.CenterSpec]:
+def _centers(options: argparse.Namespace) -> Dict[str, plantfile.CenterLayout]:
     entries = {}  # type: Dict[str, Any]
     for mode, given in (("relay", options.center), ("redirect", options.redirect)):
         for text in given:
@@ -45,7 +45,7 @@ def _centers(options: argparse.Namespace) -> Dict[str, plantfile.CenterSpec]:
     return plantfile.center(entries)
 
 
-def _load(name: str) -> plantfile.PlantSpec:
+def _load(name: str) -> plantfile.PlantLayout:
     if name != "-":
         return plantfile.load(name)
     try:
@@ -65,10 +65,10 @@ def main(arguments: Optional[List[str]] = None) -> int:
     loop = asyncio.new_event_loop()
     asyncio.set_event_loop(loop)
     try:
-        spec = _load(options.plant)
-        centers = dict(spec.center)
+        layout = _load(options.plant)
+        centers = dict(layout.center)
         centers.update(_centers(options))
-        server = Server(loop, Plant(spec), options.host, options.port, centers,
+        server = Server(loop, Plant(layout), options.host, options.port, centers,
                         options.control, options.tick, _log if options.verbose else None)
     except plantfile.PlantError as error:
         _log("vzsim: %s" % error)
@@ -82,7 +82,7 @@ def main(arguments: Optional[List[str]] = None) -> int:
         loop.add_signal_handler(number, loop.stop)
     if options.control:
         control.serve(loop, Controller(server), sys.stdin)
-    print("vzsim: %s listening on %s:%d" % (spec.name, options.host, server.port), flush=True)
+    print("vzsim: %s listening on %s:%d" % (layout.name, options.host, server.port), flush=True)
     loop.run_forever()
     server.close()
     finish(loop)

@@ -17,20 +17,20 @@ TagKey = Union[int, str]
 class Limit:
     """A limit of a tag and the alarm it has raised, if any."""
 
-    def __init__(self, spec: plantfile.LimitSpec, tid: int, kind: int, group: int) -> None:
-        self.spec = spec
+    def __init__(self, layout: plantfile.LimitLayout, tid: int, kind: int, group: int) -> None:
+        self.layout = layout
         self._tid, self._kind, self._group = tid, kind, group
         self.active = None  # type: Optional[frames.Alarm]
 
     def check(self, value: float, now: int) -> Optional[Event]:
         """Compare a new value; returns the event when an alarm is raised or cleared."""
-        spec = self.spec
-        beyond = value > spec.limit if spec.high else value < spec.limit
-        inside = (value <= spec.limit - spec.hysteresis if spec.high
-                  else value >= spec.limit + spec.hysteresis)
+        layout = self.layout
+        beyond = value > layout.limit if layout.high else value < layout.limit
+        inside = (value <= layout.limit - layout.hysteresis if layout.high
+                  else value >= layout.limit + layout.hysteresis)
         if self.active is None and beyond:
-            self.active = frames.Alarm(now, 0, self._tid, self._kind, self._group, spec.level,
-                                       RAISED, value, spec.limit)
+            self.active = frames.Alarm(now, 0, self._tid, self._kind, self._group, layout.level,
+                                       RAISED, value, layout.limit)
             return Event(RAISE_FRAME, self.active)
         if self.active is not None and inside:
             cleared = self.active._replace(evttm=now, status=CLEARED, value=value)
@@ -42,16 +42,16 @@ class Limit:
 class Tag:
     """One tag: its type, present value and the bytes of that value."""
 
-    def __init__(self, driver: int, index: int, spec: plantfile.TagSpec) -> None:
+    def __init__(self, driver: int, index: int, layout: plantfile.TagLayout) -> None:
         self.driver, self.index = driver, index
-        self.name, self.vt = spec.name, spec.vt
-        self.wire_name = spec.name.encode("gb2312")
-        self.signal = signals.Constant(spec.value)
+        self.name, self.vt = layout.name, layout.vt
+        self.wire_name = layout.name.encode("gb2312")
+        self.signal = signals.Constant(layout.value)
         self.limits = []  # type: List[Limit]
-        self.pushable = values.has_payload(spec.vt)
+        self.pushable = values.has_payload(layout.vt)
         self.payload = None  # type: Optional[bytes]
-        self.ends_chunk = spec.vt == values.ARRAY
-        self.store(spec.value)
+        self.ends_chunk = layout.vt == values.ARRAY
+        self.store(layout.value)
 
     def store(self, value: Any, clamp: bool = False) -> bool:
         """Take a new value; returns whether it differs. ValueError: unsuitable, nothing changed."""
@@ -71,9 +71,9 @@ class Tag:
 class Driver:
     """One driver and its tags, whose ids are their positions."""
 
-    def __init__(self, spec: plantfile.DriverSpec) -> None:
-        self.name, self.id = spec.name, spec.id
-        self.tags = [Tag(spec.id, i, tag) for i, tag in enumerate(spec.tags)]
+    def __init__(self, layout: plantfile.DriverLayout) -> None:
+        self.name, self.id = layout.name, layout.id
+        self.tags = [Tag(layout.id, i, tag) for i, tag in enumerate(layout.tags)]
         self.by_wire_name = {tag.wire_name: tag for tag in self.tags}
         self.by_name = {tag.name: tag for tag in self.tags}
 
@@ -84,16 +84,16 @@ class Plant:
     Raises plantfile.PlantError when signals of the description do not fit together.
     """
 
-    def __init__(self, spec: plantfile.PlantSpec) -> None:
-        self.spec = spec
-        self.drivers = {driver.id: Driver(driver) for driver in spec.drivers}
+    def __init__(self, layout: plantfile.PlantLayout) -> None:
+        self.layout = layout
+        self.drivers = {driver.id: Driver(driver) for driver in layout.drivers}
         self._by_name = {driver.name: driver for driver in self.drivers.values()}
         self._moving = []  # type: List[Tag]
         self._now = 0.0
         self._extra_alarms = []  # type: List[frames.Alarm]
-        self.text_list = list(spec.alarm_texts)
+        self.text_list = list(layout.alarm_texts)
         self.tag_list = []  # type: List[str]
-        self.users = {user.name.encode("utf-8"): user for user in spec.users}
+        self.users = {user.name.encode("utf-8"): user for user in layout.users}
         self._build_signals()
         self._build_limits()
         self.files = {}  # type: Dict[bytes, files.ProjectFile]
@@ -200,11 +200,11 @@ class Plant:
     def file(self, name: bytes) -> Optional[files.ProjectFile]:
         """A project file by its GB2312 name, any case; from memory first, then the folder."""
         found = self.files.get(name.lower())
-        if found is not None or self.spec.folder is None:
+        if found is not None or self.layout.folder is None:
             return found
         path = os.path.realpath(os.path.join(
-            self.spec.folder, name.decode("gb2312", "replace").replace("\\", "/")))
-        if not path.startswith(os.path.realpath(self.spec.folder) + os.sep):
+            self.layout.folder, name.decode("gb2312", "replace").replace("\\", "/")))
+        if not path.startswith(os.path.realpath(self.layout.folder) + os.sep):
             return None
         try:
             with open(path, "rb") as stream:
@@ -221,27 +221,27 @@ class Plant:
             b"recdata/taglist": files.list_file(t.encode("gb2312") for t in self.tag_list),
         }
         for name, data in generated.items():
-            self.files[name] = files.ProjectFile(data, self.spec.file_time)
+            self.files[name] = files.ProjectFile(data, self.layout.file_time)
 
     # ---- building -----------------------------------------------------------------------------
 
     def _build_signals(self) -> None:
         following = []
-        for driver, tag, spec in self._specs():
-            if spec.signal is not None:
-                tag.signal = signals.build(spec.signal)
+        for driver, tag, layout in self._layouts():
+            if layout.signal is not None:
+                tag.signal = signals.build(layout.signal)
                 tag.store(tag.signal.value, clamp=True)
                 self._moving.append(tag)
-            elif spec.follows is not None:
-                following.append((driver, tag, spec))
-        for driver, tag, spec in following:
-            arguments = dict(spec.follows)
-            target = self._target(driver, arguments.pop("target"), spec.where)
+            elif layout.follows is not None:
+                following.append((driver, tag, layout))
+        for driver, tag, layout in following:
+            arguments = dict(layout.follows)
+            target = self._target(driver, arguments.pop("target"), layout.where)
             tag.signal = signals.Follow(lambda target=target: target.value, **arguments)
             tag.store(tag.signal.value, clamp=True)
             self._moving.append(tag)
 
-    def _target(self, driver: plantfile.DriverSpec, name: str, where: str) -> Tag:
+    def _target(self, driver: plantfile.DriverLayout, name: str, where: str) -> Tag:
         holder, _, tag = name.rpartition("/")
         try:
             found = self.find(holder or driver.name, tag)
@@ -252,16 +252,16 @@ class Plant:
         return found
 
     def _build_limits(self) -> None:
-        for _, tag, spec in self._specs():
-            if not spec.limits:
+        for _, tag, layout in self._layouts():
+            if not layout.limits:
                 continue
             if isinstance(tag.value, (str, bytes, list, type(None))):
-                raise plantfile.PlantError("%s.alarms: the tag holds no number" % spec.where)
+                raise plantfile.PlantError("%s.alarms: the tag holds no number" % layout.where)
             if len(tag.wire_name) > files.MAX_LIST_LINE:
                 raise plantfile.PlantError("%s.alarms: the tag's name is longer than %d bytes, "
                                            "a line of the alarm tag list"
-                                           % (spec.where, files.MAX_LIST_LINE))
-            for limit in spec.limits:
+                                           % (layout.where, files.MAX_LIST_LINE))
+            for limit in layout.limits:
                 tag.limits.append(Limit(limit, len(self.tag_list), self._text(limit.text),
                                         self._text(limit.group)))
             self.tag_list.append(tag.name)
@@ -272,7 +272,7 @@ class Plant:
             self.text_list.append(text)
         return self.text_list.index(text)
 
-    def _specs(self) -> Any:
-        for driver in self.spec.drivers:
-            for index, spec in enumerate(driver.tags):
-                yield driver, self.drivers[driver.id].tags[index], spec
+    def _layouts(self) -> Any:
+        for driver in self.layout.drivers:
+            for index, layout in enumerate(driver.tags):
+                yield driver, self.drivers[driver.id].tags[index], layout

@@ -51,19 +51,20 @@ MAX_NAME = 764      # bytes of a tag name: longer ones fit into no lookup reques
 MAX_TAGS = 65535    # tag ids are 16 bits wide and 0xFFFF means unknown
 _REQUIRED = object()
 
-TagSpec = NamedTuple("TagSpec", [
+TagLayout = NamedTuple("TagLayout", [
     ("name", str), ("vt", int), ("value", Any), ("signal", Optional[Dict[str, Any]]),
-    ("follows", Optional[Dict[str, Any]]), ("limits", List["LimitSpec"]), ("where", str)])
-LimitSpec = NamedTuple("LimitSpec", [
+    ("follows", Optional[Dict[str, Any]]), ("limits", List["LimitLayout"]), ("where", str)])
+LimitLayout = NamedTuple("LimitLayout", [
     ("limit", float), ("high", bool), ("text", str), ("group", str), ("level", int),
     ("hysteresis", float)])
-DriverSpec = NamedTuple("DriverSpec", [("name", str), ("id", int), ("tags", List[TagSpec])])
-UserSpec = NamedTuple("UserSpec", [("name", str), ("password", str), ("rights", int)])
-CenterSpec = NamedTuple("CenterSpec", [("host", str), ("port", int), ("redirect", bool)])
-PlantSpec = NamedTuple("PlantSpec", [
+DriverLayout = NamedTuple("DriverLayout", [("name", str), ("id", int), ("tags", List[TagLayout])])
+UserLayout = NamedTuple("UserLayout", [("name", str), ("password", str), ("rights", int)])
+CenterLayout = NamedTuple("CenterLayout", [("host", str), ("port", int), ("redirect", bool)])
+PlantLayout = NamedTuple("PlantLayout", [
     ("name", str), ("project", str), ("title", str), ("tick", float), ("file_time", int),
-    ("alarm_texts", List[str]), ("users", List[UserSpec]), ("paths", List[str]),
-    ("folder", Optional[str]), ("center", Dict[str, CenterSpec]), ("drivers", List[DriverSpec])])
+    ("alarm_texts", List[str]), ("users", List[UserLayout]), ("paths", List[str]),
+    ("folder", Optional[str]), ("center", Dict[str, CenterLayout]),
+    ("drivers", List[DriverLayout])])
 
 
 class PlantError(Exception):
@@ -140,7 +141,7 @@ def packaged(name: str) -> str:
     return os.path.join(os.path.dirname(os.path.abspath(__file__)), "plants", name + ending)
 
 
-def load(plant: Union[str, Dict[str, Any]]) -> PlantSpec:
+def load(plant: Union[str, Dict[str, Any]]) -> PlantLayout:
     """Read a plant from a path, the name of a packaged plant, or a table already read.
 
     Raises PlantError with a one-line text that says which file, which key, what is wrong.
@@ -181,22 +182,22 @@ def _read(path: str) -> Any:
         raise PlantError(str(error).replace("\n", " "))
 
 
-def check(content: Any, folder: str, file_time: int) -> PlantSpec:
+def check(content: Any, folder: str, file_time: int) -> PlantLayout:
     """Check a plant's table; relative folders are taken from ``folder``."""
     top = _Table(content, "")
     name = top.text("name")
     project = top.text("project", name, 200, empty=True)
-    spec = PlantSpec(
+    layout = PlantLayout(
         name=name, project=project, title=top.text("title", project, 200, empty=True),
         tick=float(top.take("tick", (int, float), 0.5)),
         file_time=_ranged(top, "file_time", file_time, 0, 2 ** 32 - 1),
         alarm_texts=_texts(top, "alarm_texts"),
         users=_users(top), paths=_paths(top, project), folder=_folder(top, folder),
         center=_center(top), drivers=_drivers(top))
-    if spec.tick < 0:
+    if layout.tick < 0:
         raise PlantError("tick: must not be negative")
     top.finish()
-    return spec
+    return layout
 
 
 def _ranged(table: _Table, name: str, default: Any, low: int, high: int) -> int:
@@ -216,11 +217,11 @@ def _texts(table: _Table, name: str) -> List[str]:
     return texts
 
 
-def _users(top: _Table) -> List[UserSpec]:
+def _users(top: _Table) -> List[UserLayout]:
     users = []
     for table in top.tables("users"):
-        users.append(UserSpec(table.take("name", str), table.take("password", str, ""),
-                              _ranged(table, "rights", 0, 0, 2 ** 32 - 1)))
+        users.append(UserLayout(table.take("name", str), table.take("password", str, ""),
+                                _ranged(table, "rights", 0, 0, 2 ** 32 - 1)))
         table.finish()
     return users
 
@@ -247,11 +248,11 @@ def _folder(top: _Table, base: str) -> Optional[str]:
     return folder
 
 
-def _center(top: _Table) -> Dict[str, CenterSpec]:
+def _center(top: _Table) -> Dict[str, CenterLayout]:
     return center(top.take("center", dict, {}))
 
 
-def center(entries: Dict[str, Any]) -> Dict[str, CenterSpec]:
+def center(entries: Dict[str, Any]) -> Dict[str, CenterLayout]:
     """Check center entries: name to "HOST:PORT" or to {address, mode}."""
     found = {}
     for name, entry in entries.items():
@@ -260,7 +261,7 @@ def center(entries: Dict[str, Any]) -> Dict[str, CenterSpec]:
         if mode not in ("relay", "redirect"):
             raise PlantError("%s: must be relay or redirect" % table.key("mode"))
         host, port = address_of(table.take("address", str), table.key("address"))
-        found[name] = CenterSpec(host, port, mode == "redirect")
+        found[name] = CenterLayout(host, port, mode == "redirect")
         table.finish()
     return found
 
@@ -276,8 +277,8 @@ def address_of(text: str, where: str) -> Tuple[str, int]:
         raise PlantError("%s: no address for host %r" % (where, host))
 
 
-def _drivers(top: _Table) -> List[DriverSpec]:
-    drivers = []  # type: List[DriverSpec]
+def _drivers(top: _Table) -> List[DriverLayout]:
+    drivers = []  # type: List[DriverLayout]
     for position, table in enumerate(top.tables("drivers")):
         name = table.text("name", limit=MAX_NAME)
         number = _ranged(table, "id", position, 0, 65534)
@@ -286,12 +287,12 @@ def _drivers(top: _Table) -> List[DriverSpec]:
         if any(driver.id == number for driver in drivers):
             raise PlantError("%s: %d is there twice" % (table.key("id"), number))
         tags = _tags(table)
-        drivers.append(DriverSpec(name, number, tags))
+        drivers.append(DriverLayout(name, number, tags))
         table.finish()
     return drivers
 
 
-def _tags(driver: _Table) -> List[TagSpec]:
+def _tags(driver: _Table) -> List[TagLayout]:
     tags = []
     names = set()
     tables = driver.tables("tags")
@@ -307,7 +308,7 @@ def _tags(driver: _Table) -> List[TagSpec]:
     return tags
 
 
-def _tag(table: _Table) -> TagSpec:
+def _tag(table: _Table) -> TagLayout:
     name = table.text("name", limit=MAX_NAME)
     if "," in name:
         raise PlantError("%s: a comma separates names and cannot be part of one"
@@ -324,7 +325,7 @@ def _tag(table: _Table) -> TagSpec:
     if signal is not None:
         _check_signal(vt, signal, table.key("signal"))
     value = _value(table, vt)
-    return TagSpec(name, vt, value, signal, follows, _limits(table), table.where)
+    return TagLayout(name, vt, value, signal, follows, _limits(table), table.where)
 
 
 def _check_signal(vt: int, signal: Dict[str, Any], where: str) -> None:
@@ -370,13 +371,13 @@ def _value(table: _Table, vt: int) -> Any:
     return value
 
 
-def _limits(tag: _Table) -> List[LimitSpec]:
+def _limits(tag: _Table) -> List[LimitLayout]:
     limits = []
     for table in tag.tables("alarms"):
         if table.has("high") == table.has("low"):
             raise PlantError("%s: needs exactly one of high and low" % table.where)
         high = table.has("high")
-        limits.append(LimitSpec(
+        limits.append(LimitLayout(
             float(table.take("high" if high else "low", (int, float))), high,
             table.text("text"), table.text("group"), _ranged(table, "level", 1, 0, 255),
             float(table.take("hysteresis", (int, float), 0.0))))

@@ -126,7 +126,7 @@ class Server:
                  tick: Optional[float] = None,
                  logger: Optional[Callable[[str], None]] = None) -> None:
         self.loop, self.plant, self.host, self.port = loop, plant, host, port
-        self.tick = plant.spec.tick if tick is None else tick
+        self.tick = plant.layout.tick if tick is None else tick
         self.faults = FaultTable()
         self.overrides = {}  # type: Dict[str, Any]
         self.connections = {}  # type: Dict[int, Connection]
@@ -134,7 +134,7 @@ class Server:
         self.requests = collections.deque(
             maxlen=_KEPT_REQUESTS)  # type: Deque[Tuple[int, str, bytes]]
         self.waiters = []  # type: List[Callable[[], None]]
-        self._routes = center.Routes(plant.spec.name, plant.spec.project, host, plants or {})
+        self._routes = center.Routes(plant.layout.name, plant.layout.project, host, plants or {})
         self._recording, self._logger = recording, logger
         self._listener = None  # type: Optional[Listener]
         self._count = 0
@@ -303,8 +303,8 @@ class Server:
         """The plain reply to a notification hello, with what was ordered for its parts."""
         info = self.plant.file(b"RecData/drvinfo.dat")
         normal = {
-            "project": self.plant.spec.project.encode("gb2312"),
-            "title": self.plant.spec.title.encode("gb2312"),
+            "project": self.plant.layout.project.encode("gb2312"),
+            "title": self.plant.layout.title.encode("gb2312"),
             "dif_time": info.mtime if info else 0, "dif_size": len(info.data) if info else 0,
         }
         normal.update(self.overrides)

@@ -28,10 +28,10 @@ class Simulator(Operations):
     def __init__(self, plant: Union[str, Dict[str, Any]], host: str = "127.0.0.1", port: int = 0,
                  centers: Optional[Dict[str, Any]] = None, tick: Optional[float] = None,
                  log: Optional[Callable[[str], None]] = None) -> None:
-        spec = plantfile.load(plant)
-        routes = dict(spec.center)
+        layout = plantfile.load(plant)
+        routes = dict(layout.center)
         routes.update(plantfile.center(centers or {}))
-        running = Plant(spec)
+        running = Plant(layout)
         self._loop = asyncio.new_event_loop()
         self._thread = None  # type: Optional[threading.Thread]
         self._server = Server(self._loop, running, host, port, routes, True, tick, log)
@@ -41,7 +41,7 @@ class Simulator(Operations):
         except (OSError, OverflowError):
             self._loop.close()
             raise
-        self.name, self.host, self.port = spec.name, host, self._server.port
+        self.name, self.host, self.port = layout.name, host, self._server.port
         self._thread = threading.Thread(target=self._run, name="vzsim", daemon=True)
         self._thread.start()
 

@@ -38,11 +38,11 @@ def test_both_forms_of_the_boiler_house_are_equal():
 
 
 def test_the_boiler_house_shows_every_type_and_is_found_by_name():
-    spec = plantfile.load("boiler_house")
-    tags = [tag for driver in spec.drivers for tag in driver.tags]
-    assert len(spec.drivers) == 3 and 55 <= len(tags) <= 70
+    layout = plantfile.load("boiler_house")
+    tags = [tag for driver in layout.drivers for tag in driver.tags]
+    assert len(layout.drivers) == 3 and 55 <= len(tags) <= 70
     assert {tag.vt for tag in tags} == set(plantfile.values.TYPE_CODES.values())
-    assert [(user.name, user.rights) for user in spec.users] == [("operator", 8), ("guest", 0)]
+    assert [(user.name, user.rights) for user in layout.users] == [("operator", 8), ("guest", 0)]
 
 
 def test_the_boiler_house_raises_and_clears_alarms_within_its_first_minute():
@@ -66,8 +66,8 @@ def test_a_higher_pressure_setpoint_of_the_boiler_house_raises_its_alarm():
 def test_a_toml_file_is_read(tmp_path):
     path = tmp_path / "p.toml"
     path.write_text('name = "p"\n[[drivers]]\nname = "锅炉"\n', encoding="utf-8")
-    spec = plantfile.load(str(path))
-    assert spec.drivers[0].name == "锅炉" and spec.file_time == int(path.stat().st_mtime)
+    layout = plantfile.load(str(path))
+    assert layout.drivers[0].name == "锅炉" and layout.file_time == int(path.stat().st_mtime)
 
 
 def test_a_json_file_is_read(tmp_path):
@@ -158,7 +158,7 @@ def test_the_limits_of_every_number_hold_on_both_sides():
     assert refused({"name": "p", "alarm_texts": ["t" * 256]})
     run({"name": "p", "center": {"X": "127.0.0.1:65535"}})
     assert refused({"name": "p", "center": {"X": "127.0.0.1:65536"}})
-    assert run({"name": "p", "tick": 0}).spec.tick == 0
+    assert run({"name": "p", "tick": 0}).layout.tick == 0
 
 
 def test_a_driver_has_at_most_65535_tags():
@@ -170,10 +170,10 @@ def test_a_driver_has_at_most_65535_tags():
 
 
 def test_project_and_title_may_be_empty_and_default_to_the_name():
-    spec = plantfile.load({"name": "p"})
-    assert (spec.project, spec.title) == ("p", "p")
-    spec = plantfile.load({"name": "p", "project": "", "title": ""})
-    assert (spec.project, spec.title) == ("", "")
+    layout = plantfile.load({"name": "p"})
+    assert (layout.project, layout.title) == ("p", "p")
+    layout = plantfile.load({"name": "p", "project": "", "title": ""})
+    assert (layout.project, layout.title) == ("", "")
 
 
 def test_an_alarm_has_level_1_unless_told():
