@@ -63,6 +63,7 @@ void CDBCore::WalkChunk(CDBSession& session, const BYTE* pChunk, size_t nChunk, 
         call.MakeCall(session);
     }
     if (bLocked) {
+        call.DropObjects();
         PyGILState_Release(gil);
         session.Unpark();
     }

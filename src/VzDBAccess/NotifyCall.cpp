@@ -99,6 +99,24 @@ void FireRtAlarm(PyObject* rtAlarmNotifyFn, const S2RtAlarm2* pRA,
     CallAndReport(rtAlarmNotifyFn, AlarmArgs(*pRA, textList, tagList));
 }
 
+void CToldName::Set(const std::string& strName) {
+    if (m_strName == strName) return;
+    std::string strCopy(strName);
+    CString strUtf8;
+    ToUtf8(strName.c_str(), strUtf8, 0);
+    m_strName.swap(strCopy);
+    m_strUtf8.swap(strUtf8);
+    m_bStale = true;
+}
+
+PyObject* CToldName::Object() {
+    if (m_bStale) Drop();
+    m_bStale = false;
+    if (!m_obj) m_obj = TextToObj(m_strUtf8);
+    Py_XINCREF(m_obj);
+    return m_obj;
+}
+
 void CNotifyCall::SetTagChange(PyObject* fn, const CString& strDriver, const CString& strTag,
                                const XVariant& value) {
     m_driver.Set(strDriver);
@@ -142,8 +160,8 @@ void CNotifyCall::CallWithAlarm(const CDBSession& session) {
 void CNotifyCall::CallWithChange(const CDBSession& session) {
     PyObject* value = CDBDriver::ValueToObj(&m_value);
     if (!value && !PyErr_Occurred()) return;  // a type without a script object: nothing to tell
-    PyObject* driver = value ? TextToObj(m_driver.Get()) : nullptr;
-    PyObject* tag = driver ? TextToObj(m_tag.Get()) : nullptr;
+    PyObject* driver = value ? m_driver.Object() : nullptr;
+    PyObject* tag = driver ? m_tag.Object() : nullptr;
     PyObject* args[] = {nullptr, driver, tag, value};
     if (session.Ended()) {
         PyErr_Clear();

@@ -12,22 +12,27 @@
 #include "nonwin/cstring.h"
 #include "vznetdef.h"
 
-// A name in UTF-8, converted from GB2312 only when it is another one than before.
-class CNameUtf8 {
+// A name that calls tell again and again: converted from GB2312 only when it is another one than
+// before, and made a str once for all calls between taking and giving back the interpreter lock.
+class CToldName {
   public:
-    void Set(const std::string& strName) {
-        if (m_strName == strName) return;
-        std::string strCopy(strName);
-        CString strUtf8;
-        ToUtf8(strName.c_str(), strUtf8, 0);
-        m_strName.swap(strCopy);
-        m_strUtf8.swap(strUtf8);
-    }
-    const CString& Get() const { return m_strUtf8; }
+    CToldName() = default;
+    CToldName(const CToldName&) = delete;
+    CToldName& operator=(const CToldName&) = delete;
+
+    // GB2312. Needs no interpreter lock.
+    void Set(const std::string& strName);
+    // A new reference to the str, or null with MemoryError set. Needs the interpreter lock, as
+    // Drop.
+    PyObject* Object();
+    // Gives the str back, before the interpreter lock is.
+    void Drop() { Py_CLEAR(m_obj); }
 
   private:
     std::string m_strName;  // GB2312
     CString m_strUtf8;
+    PyObject* m_obj = nullptr;  // counted by hand; the str of m_strUtf8 unless m_bStale
+    bool m_bStale = false;
 };
 
 // One call of a script function, filled from a frame without the interpreter lock and made with it.
@@ -57,6 +62,11 @@ class CNotifyCall {
     // what it raises goes to sys.unraisablehook. Counts references by hand and owns nothing: the
     // interpreter may end the calling thread here.
     void MakeCall(const CDBSession& session);
+    // Drops what calls have kept for the next one. Before the interpreter lock is given back.
+    void DropObjects() {
+        m_driver.Drop();
+        m_tag.Drop();
+    }
 
   private:
     enum class EKind { kNone, kTagChange, kAlarm };
@@ -66,8 +76,8 @@ class CNotifyCall {
 
     EKind m_nKind = EKind::kNone;
     PyObject* m_fn = nullptr;
-    CNameUtf8 m_driver;
-    CNameUtf8 m_tag;
+    CToldName m_driver;
+    CToldName m_tag;
     XVariant m_value;
     S2RtAlarm2 m_alarm = {};
     const std::vector<CString>* m_pTextList = nullptr;

@@ -18,7 +18,10 @@ class Frames : public ::testing::Test {
         mill.SetTagCount(3);
         core->m_pDrivers = {&boiler, nullptr, &mill};
     }
-    ~Frames() override { core->LetGo(); }
+    ~Frames() override {
+        call.DropObjects();
+        core->LetGo();
+    }
 
     // The length that the bytes are taken for. They lie in memory of just their size.
     int Length(const std::string& strBytes) {
@@ -195,6 +198,36 @@ TEST_F(Frames, CallbackGetsDriverTagAndValue) {
     ASSERT_TRUE(call.Wanted());
     call.MakeCall(session);
     EXPECT_EQ(Repr("calls"), "[('Boiler', 'Temp', 42)]");
+}
+
+TEST_F(Frames, CallbackGetsEachTagsNameAlsoWhenTheyAlternate) {
+    for (const unsigned nTag : {5u, 7u}) SetType(nTag, VT_I4);
+    boiler.m_tags[5].strTag = CString("Five");
+    boiler.m_tags[7].strTag = CString("Seven");
+    boiler.SetCBFunc(NotingFunction());
+    for (const unsigned nTag : {5u, 7u, 7u, 5u}) {
+        Length(Change(nTag, U32(nTag)));
+        call.MakeCall(session);
+    }
+    EXPECT_EQ(Repr("[(tag, value) for _, tag, value in calls]"),
+              "[('Five', 5), ('Seven', 7), ('Seven', 7), ('Five', 5)]");
+    EXPECT_EQ(Repr("{driver for driver, _, _ in calls}"), "{'Boiler'}");
+}
+
+TEST_F(Frames, NamesKeptForTheNextCallAreGivenBack) {
+    SetType(7, VT_I4);
+    boiler.m_tags[7].strTag = CString("A name of this test alone");
+    boiler.SetCBFunc(NotingFunction());
+    for (int i = 0; i < 3; ++i) {
+        Length(Change(7, U32(1)));
+        call.MakeCall(session);
+    }
+    RunScript(
+        "import sys\nnames = [c[1] for c in calls]\ncalls.clear()\nname = names.pop()\n"
+        "names.clear()\n");
+    const std::string strKept = Repr("sys.getrefcount(name)");
+    call.DropObjects();
+    EXPECT_EQ(std::stoi(Repr("sys.getrefcount(name)")), std::stoi(strKept) - 1);
 }
 
 TEST_F(Frames, CallbackGetsNamesAsUtf8) {
