@@ -114,8 +114,7 @@ class CScriptedSession : public ::testing::Test {
     size_t nReq = 0;
     size_t nNotify = 1;
 
-  private:
-    int m_nThreads;
+    int m_nThreads;  // of this process, before any session
 };
 
 // A logged-in session and its driver Boiler (id 0, 8 tags).
