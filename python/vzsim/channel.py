@@ -4,6 +4,7 @@ The queue holds bytes (one send each), pauses in seconds, and functions to call 
 before them is gone. All runs on the thread of the event loop.
 """
 
+import abc
 import asyncio
 import collections
 import socket
@@ -16,7 +17,7 @@ _MAX_READS = 16  # receives in a row before other connections get their turn
 Step = Union[bytes, memoryview, float, Callable[[], None]]
 
 
-class Channel:
+class Channel(abc.ABC):
     """A connected socket on the loop; owners override ``received`` and ``ended``."""
 
     def __init__(self, loop: asyncio.AbstractEventLoop, sock: socket.socket) -> None:
@@ -35,9 +36,9 @@ class Channel:
         if self.sock is not None:
             self.loop.add_reader(self.sock, self._readable)
 
+    @abc.abstractmethod
     def received(self, data: bytes, drained: bool) -> None:
         """Called with bytes that came; ``drained``: no more are waiting at the moment."""
-        raise NotImplementedError
 
     def ended(self) -> None:
         """Called once when the connection is gone, whoever ended it."""

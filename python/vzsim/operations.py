@@ -1,12 +1,13 @@
 """What a test may ask of a running simulator: one set of operations, in process or beside it."""
 
+import abc
 from typing import Any, List, Optional, Sequence, Tuple, Union
 
 TagKey = Union[int, str]
 Request = Tuple[int, str, bytes]
 
 
-class Operations:
+class Operations(abc.ABC):
     """The operations of ``Simulator`` and ``SimProcess``; thread-safe, each waits for its end.
 
     Drivers and tags are given by name or by id. Wrong arguments raise ValueError (KeyError for
@@ -17,8 +18,9 @@ class Operations:
     port = 0   # port in use
     name = ""  # the plant's name
 
+    @abc.abstractmethod
     def _call(self, operation: str, **arguments: Any) -> Any:
-        raise NotImplementedError
+        """Carry an operation out and give its result."""
 
     # ---- what the clients did -----------------------------------------------------------------
 

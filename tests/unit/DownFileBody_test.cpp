@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "DownFileFixture.h"
+#include "ProcessState.h"
 #include "XFile.h"
 
 namespace {
@@ -304,17 +305,6 @@ TEST_F(DownFileBody, UnfinishedFileIsNeverCurrent) {
     EXPECT_EQ(Transfer("f.dat", 16, 3), EGetFile::kKept);
 }
 
-// Descriptors of this process on a file.
-int OpenedTimes(const std::string& strPath) {
-    int nCount = 0;
-    for (int h = 0; h < 256; ++h) {
-        char szTo[512];
-        const ssize_t n = readlink(("/proc/self/fd/" + std::to_string(h)).c_str(), szTo, 512);
-        if (n > 0 && std::string(szTo, static_cast<size_t>(n)) == strPath) ++nCount;
-    }
-    return nCount;
-}
-
 TEST_F(DownFileBody, FileThatAnotherProcessReadsIsNotTouchedUntilItLetsGo) {
     m_folder.Put("f.dat", "held");
     XFile reader;
@@ -322,7 +312,7 @@ TEST_F(DownFileBody, FileThatAnotherProcessReadsIsNotTouchedUntilItLetsGo) {
     ASSERT_TRUE(reader.Lock(false, 0));
     EGetFile eResult = EGetFile::kFailed;
     std::thread transfer([&] { eResult = TransferOf({"Size:3\r\nFileTime:10\r\n\r\nnew"}); });
-    while (OpenedTimes(m_folder.Path("f.dat")) < 2) usleep(1000);
+    EXPECT_TRUE(IsOpenedTimes(m_folder.Path("f.dat"), 2));
     EXPECT_EQ(m_folder.Get("f.dat"), "held");
     reader.Close();
     transfer.join();

@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <thread>
 
 #include "ProcessState.h"
 #include "VzDBAccess/DrvInfo.h"
@@ -110,6 +111,35 @@ TEST_F(DriverFile, ThatIsMissingChangesNothing) {
     drivers[CString("old")].id = 4;
     LoadPrjDrvInfo(CString(strFolder), drivers);
     EXPECT_EQ(Told(drivers), "old=4/0 ");
+}
+
+TEST_F(DriverFile, ThatAnotherProcessFillsIsLoadedWhenItIsComplete) {
+    const std::string strPath = strFolder + "RecData/drvinfo.dat";
+    XFile writer;
+    ASSERT_TRUE(writer.OpenA(strPath.c_str(), O_WRONLY | O_CREAT));
+    ASSERT_TRUE(writer.Lock(true, 0));
+    writer.MarkUnfinished(true);
+    bool bGood = false;
+    std::thread loader([&] { bGood = LoadPrjDrvInfo(CString(strFolder), drivers); });
+    EXPECT_TRUE(IsOpenedTimes(strPath, 2));
+    const std::string strBytes = Z("A") + U16(1) + U16(5);
+    writer.Write(strBytes.data(), static_cast<unsigned>(strBytes.size()));
+    writer.MarkUnfinished(false);
+    writer.Close();
+    loader.join();
+    EXPECT_TRUE(bGood);
+    EXPECT_EQ(Told(drivers), "A=1/5 ");
+}
+
+TEST_F(DriverFile, ThatIsUnfinishedIsNotLoaded) {
+    EXPECT_EQ(Loaded(Z("A") + U16(1) + U16(5)), "A=1/5 ");
+    drivers.clear();
+    XFile file;
+    ASSERT_TRUE(file.OpenA((strFolder + "RecData/drvinfo.dat").c_str(), O_RDWR));
+    file.MarkUnfinished(true);
+    file.Close();
+    EXPECT_FALSE(LoadPrjDrvInfo(CString(strFolder), drivers));
+    EXPECT_EQ(Told(drivers), "");
 }
 
 TEST_F(DriverFile, AddsToWhatTheMapHolds) {

@@ -28,6 +28,26 @@ inline bool Becomes(int (*fnCount)(), int nWanted) {
     return false;
 }
 
+// Descriptors of this process on a file.
+inline int OpenedTimes(const std::string& strPath) {
+    int nCount = 0;
+    for (int h = 0; h < 256; ++h) {
+        char szTo[512];
+        const ssize_t n = readlink(("/proc/self/fd/" + std::to_string(h)).c_str(), szTo, 512);
+        if (n > 0 && std::string(szTo, static_cast<size_t>(n)) == strPath) ++nCount;
+    }
+    return nCount;
+}
+
+// Waits until this process has a file open nTimes; false after two seconds.
+inline bool IsOpenedTimes(const std::string& strPath, int nTimes) {
+    for (int i = 0; i < 2000; ++i) {
+        if (OpenedTimes(strPath) == nTimes) return true;
+        usleep(1000);
+    }
+    return false;
+}
+
 inline void RemoveTree(const std::string& strPath) {
     nftw(
         strPath.c_str(),
