@@ -19,10 +19,20 @@ inline int CountEntries(const char* szFolder) {
 inline int CountDescriptors() { return CountEntries("/proc/self/fd"); }
 inline int CountThreads() { return CountEntries("/proc/self/task"); }
 
-// Waits until fnCount gives nWanted; false after two seconds.
+// Waits until fnCount gives nWanted; false after twenty seconds.
 inline bool Becomes(int (*fnCount)(), int nWanted) {
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < 20000; ++i) {
         if (fnCount() == nWanted) return true;
+        usleep(1000);
+    }
+    return false;
+}
+
+// Waits until fnCount gives nMost or less. For counts that may start one too high: a thread that
+// was joined is still listed for a moment.
+inline bool FallsTo(int (*fnCount)(), int nMost) {
+    for (int i = 0; i < 20000; ++i) {
+        if (fnCount() <= nMost) return true;
         usleep(1000);
     }
     return false;
@@ -39,9 +49,9 @@ inline int OpenedTimes(const std::string& strPath) {
     return nCount;
 }
 
-// Waits until this process has a file open nTimes; false after two seconds.
+// Waits until this process has a file open nTimes; false after twenty seconds.
 inline bool IsOpenedTimes(const std::string& strPath, int nTimes) {
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < 20000; ++i) {
         if (OpenedTimes(strPath) == nTimes) return true;
         usleep(1000);
     }

@@ -82,7 +82,7 @@ void Unlocked(TFunction fn) {
 
 // Waits, with the interpreter lock given up, until fn, which is called with the lock, says true.
 template <class TCondition>
-bool WaitFor(TCondition fn, int nMs = 5000) {
+bool WaitFor(TCondition fn, int nMs = 20000) {
     for (int i = 0; i < nMs; ++i) {
         if (fn()) return true;
         Unlocked([] { usleep(1000); });

@@ -50,7 +50,7 @@ class CScriptedSession : public ::testing::Test {
     ~CScriptedSession() override {
         if (core) {
             core->_Disconnect();
-            EXPECT_TRUE(Becomes(CountThreads, m_nThreads)) << "a thread outlived its session";
+            EXPECT_TRUE(FallsTo(CountThreads, m_nThreads)) << "a thread outlived its session";
             Drop();
         }
         RemoveTree(CacheFolder());
