@@ -72,8 +72,12 @@ void CPeer::BeforeReceive(int fd) {
     SConnection& connection = m_connections[nIndex];
     const SScript& script = m_scripts[nIndex];
     const std::string& str = script.strBytes;
-    while (str.compare(connection.nSaid, kCutBytes, kCut) == 0) connection.nSaid += kCutBytes;
-    size_t nSize = std::min(str.find(kCut, connection.nSaid), str.size()) - connection.nSaid;
+    size_t nEnd = str.size();
+    if (script.bCuts) {
+        while (str.compare(connection.nSaid, kCutBytes, kCut) == 0) connection.nSaid += kCutBytes;
+        nEnd = std::min(nEnd, str.find(kCut, connection.nSaid));
+    }
+    size_t nSize = nEnd - connection.nSaid;
     if (script.nSegment) nSize = std::min(nSize, script.nSegment);
     if (nSize > 0) {
         const ssize_t nSent = send(connection.nFar, str.data() + connection.nSaid, nSize,

@@ -21,6 +21,7 @@ struct SScript {
     std::string strBytes;  // with kCut wherever the client is to find no more for now
     size_t nSegment = 0;   // not more than that arrives together; 0: as strBytes is cut
     bool bSilent = false;  // afterwards nothing comes any more; else the connection ends
+    bool bCuts = true;     // whether kCut has its meaning
 
     // nHow: bSilent in the highest bit, nSegment in the others.
     explicit SScript(std::string strSaid, unsigned nHow = 0)

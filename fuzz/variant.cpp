@@ -77,6 +77,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize) {
         Require(bytes.size() == nUsed, "encoded again: size");
         Require(nUsed == 0 || std::memcmp(bytes.data(), input.Data(), nUsed) == 0, "encoded again");
     }
+    if (value.vt == VT_BOOL)
+        Require(bytes.back() == (input.Data()[nUsed - 1] != 0 ? 1 : 0), "any other byte is true");
     XVariant again;
     if (!bIncludeVT) again.vt = value.vt;
     Require(again.FromBuffer(bytes.data(), bytes.size(), bIncludeVT) == bytes.size(),
