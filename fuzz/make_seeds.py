@@ -148,7 +148,9 @@ def transfers():
         "no_such_file": b"\x00\x01\x00Exist:No\r\n\r\n",
         "use_last": b"\x00\x01\x00UseLast:Yes\r\n\r\n",
         "current": b"\x00\x09\x00", "half_is_not_current": b"\x00\x0d\x00" + head + b"\r\nABCDE",
-        "acknowledged": b"\x00\x10\xff" + b"Hello:Yes\r\nSize:40000\r\n\r\n" + CUT
+        "acknowledged_by_relay": b"\x00\x10\xff" + b"Hello:Yes\r\nSize:9C40\r\n\r\n" + CUT
+        + b"0123456789abcdef" * 64,
+        "acknowledged": b"\x00\x00\xff" + b"Hello:Yes\r\nSize:24000\r\n\r\n" + CUT
         + b"0123456789abcdef" * 64,
         "size_huge": b"\x00\x00\x00Size:FFFFFFFF\r\n\r\nAB",
         "size_signed": b"\x00\x00\x00Size:-5\r\n\r\nABCDE",

@@ -40,11 +40,11 @@ void CheckHeader(const uint8_t* pData, size_t nSize) {
 }
 
 // The last part of a reply, again and again: long bodies from short inputs.
-std::string Repeated(std::string str, unsigned nTimes) {
+std::string Repeated(std::string str, unsigned nTimes, size_t nLongest) {
     const size_t nCut = str.rfind(kCut);
     if (nCut == std::string::npos) return str;
     const std::string strLast = str.substr(nCut);
-    while (nTimes-- && str.size() < 400000) str += strLast;
+    while (nTimes-- && str.size() < nLongest) str += strLast;
     return str;
 }
 
@@ -63,7 +63,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize) {
     if (nCache & 1) folder.Put("f", kHeld, sizeof kHeld);
     if (nCache & 2) folder.Put("f.gz", kHeld, sizeof kHeld);
     if (nCache & 4) chmod(folder.Path("f").c_str(), 01600);
-    const SScript reply(Repeated(input.Rest(), nTimes), nHow);
+    // Longer than a span between acknowledgements, but not in tiny segments.
+    const size_t nLongest = nHow & 0x7F ? 2000 : 150000;
+    const SScript reply(Repeated(input.Rest(), nTimes, nLongest), nHow);
     CPeer peer({reply});
     CSyncSocket sock;
     if (!sock.Create(0, SOCK_STREAM, nullptr, FALSE) || !peer.Attach(sock)) return 0;
