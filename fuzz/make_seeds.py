@@ -120,6 +120,8 @@ def replies():
         "both_lists": b"\x00\x1b" + found + subscribe(b"".join(four)) + more + subscribe(I4 + I4),
         "write": b"\x00\x20" + found, "write_lookup_silence": b"\x80\x20" + found[:3],
         "single_lookup": b"\x00\x40L\x04\x00" + CUT + one + b"d",
+        "paths": b"\x00\x40L\x04\x00" + CUT + one + b"d" + CUT + b"3/p/\0/e/\0/a/\0/h/\0",
+        "paths_cut": b"\x00\x40L\x04\x00" + CUT + one + b"d" + CUT + b"3/p/\0/e",
         "unadvise_refused": b"\x00\x40L\x04\x00" + CUT + one + b"0",
         "alarms": b"\x00\x81" + found + subscribe(b"".join(four)) + b"n\x02\x00" + CUT + ALARM
         + ALARM

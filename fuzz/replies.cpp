@@ -58,6 +58,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize) {
         if (!live.core->GetTagId(0, "f", &nId)) Require(nId == 0x1234, "id untouched");
         driver.GetTagId("f");
         live.core->UnadviseTag(1);
+        CString paths[4];
+        if (!live.core->GetPrjPath(paths[0], paths[1], paths[2], paths[3]))
+            Require(paths[0].empty() && paths[3].empty(), "paths untouched");
     }
     if (nRequests & 128) {
         const int nResult = live.core->_SetRtAlarmNotify(CountingFunction(), (nRequests & 1) != 0);
