@@ -2,7 +2,7 @@
 // be started (which costs far more than all the rest), how the request channel's bytes arrive (see
 // SScript), how the notification channel's do and whether they are given as they are (0x40) or
 // still have to be scrambled, the notification channel's bytes as a text, then those of the request
-// channel. A third and fourth connection, after a redirect, get the same again.
+// channel. After a redirect the request channel's bytes come again.
 
 #include "Input.h"
 #include "LiveSession.h"
