@@ -5,6 +5,15 @@ import time
 from script import TIME_SCALE
 
 
+def other(script, timeout=30):
+    """The one thread of a script besides the first; one of an ended session may have to go."""
+    deadline = time.monotonic() + timeout * TIME_SCALE
+    while len(script.other_threads()) != 1:
+        assert time.monotonic() < deadline, "not one more thread: %s" % script.other_threads()
+        time.sleep(0.001)
+    return script.other_threads()[0]
+
+
 def sleeps(pid, tid):
     """How often the thread has gone to sleep of its own accord."""
     with open("/proc/%d/task/%d/status" % (pid, tid)) as stream:
@@ -18,7 +27,7 @@ def asleep(pid, tid):
         return stream.read().rpartition(")")[2].split()[0] == "S"
 
 
-def wait_asleep(pid, tid, count=0, timeout=10):
+def wait_asleep(pid, tid, count=0, timeout=30):
     """Wait until the thread sleeps and has gone to sleep ``count`` times at least."""
     deadline = time.monotonic() + timeout * TIME_SCALE
     while sleeps(pid, tid) < count or not asleep(pid, tid):
