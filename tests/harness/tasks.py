@@ -1,23 +1,17 @@
 """The threads of a child as the system sees them: whether they sleep, and how often they did."""
 
-import os
 import time
 
 from script import TIME_SCALE
 
 
-def others(pid):
-    """The threads of a process but the first."""
-    return sorted(int(tid) for tid in os.listdir("/proc/%d/task" % pid) if int(tid) != pid)
-
-
-def other(pid, timeout=30):
-    """The one thread of a process besides the first; one of an ended session may have to go."""
+def other(script, timeout=30):
+    """The one thread of a script besides the first; one of an ended session may have to go."""
     deadline = time.monotonic() + timeout * TIME_SCALE
-    while len(others(pid)) != 1:
-        assert time.monotonic() < deadline, "not one more thread: %s" % others(pid)
+    while len(script.other_threads()) != 1:
+        assert time.monotonic() < deadline, "not one more thread: %s" % script.other_threads()
         time.sleep(0.001)
-    return others(pid)[0]
+    return script.other_threads()[0]
 
 
 def sleeps(pid, tid):

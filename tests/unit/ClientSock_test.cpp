@@ -396,12 +396,7 @@ TEST_F(Login, FirstClosesBothSockets) {
     EXPECT_FALSE(sock.m_rcvSock.IsSocket());
 }
 
-long OptionMs(int h, int nOption) {
-    timeval tv{};
-    socklen_t nLen = sizeof tv;
-    EXPECT_EQ(getsockopt(h, SOL_SOCKET, nOption, &tv, &nLen), 0);
-    return tv.tv_sec * 1000 + tv.tv_usec / 1000;
-}
+int64_t OptionMs(int h, int nOption) { return TimeOptionUs(h, nOption) / 1000; }
 
 TEST_F(Login, RequestSocketHasEightSecondsBothWays) {
     LogIn();

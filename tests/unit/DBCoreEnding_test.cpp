@@ -194,7 +194,7 @@ TEST_F(Ending, DisconnectsLeaveNothingBehind) {
         server.Close(2 * i + 1);
         ASSERT_TRUE(server.Done());
     }
-    EXPECT_TRUE(Becomes(CountDescriptors, nDescriptors));
+    EXPECT_TRUE(FallsTo(CountDescriptors, nDescriptors));
     EXPECT_TRUE(FallsTo(CountThreads, m_nThreads));
 }
 
@@ -213,7 +213,7 @@ TEST_F(Ending, LossesLeaveNothingBehind) {
         ASSERT_TRUE(server.Done());
         ASSERT_TRUE(WaitFor([&] { return Gone(); }));
     }
-    EXPECT_TRUE(Becomes(CountDescriptors, nDescriptors));
+    EXPECT_TRUE(FallsTo(CountDescriptors, nDescriptors));
     EXPECT_TRUE(FallsTo(CountThreads, m_nThreads));
 }
 
@@ -339,7 +339,9 @@ TEST_F(Ending, UnderAStreamOfChangesIsQuickManyTimes) {
         s_nCalls = 0;
         for (int n = 0; n < 5; ++n) server.SendAnyway(nNotify, Repeat(Change(5), 200));
         for (size_t n = 0; n < i % 5; ++n) Unlocked([] { usleep(300); });
-        if (i % 5 == 4) EXPECT_TRUE(WaitFor([] { return s_nCalls > 0; }));
+        if (i % 5 == 4) {
+            EXPECT_TRUE(WaitFor([] { return s_nCalls > 0; }));
+        }
         const auto tStart = CClock::now();
         core->_Disconnect();
         EXPECT_LT(Seconds(tStart), kNoWait);
