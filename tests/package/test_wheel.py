@@ -36,3 +36,13 @@ def test_the_simulator_has_a_command(venv, tmp_path):
                           stdout=subprocess.PIPE, encoding="utf-8")
     assert done.returncode == 0
     assert "simulated plant" in done.stdout
+
+
+def test_the_wheel_has_the_version_of_the_package(venv):
+    done = subprocess.run(
+        [str(venv / "python"), "-c",
+         "from importlib.metadata import version; print(version('vzdbaccess'))"],
+        stdout=subprocess.PIPE, encoding="utf-8")
+    with open(os.path.join(ROOT, "debian", "changelog"), encoding="utf-8") as stream:
+        first = stream.readline()
+    assert first.startswith("vzdbaccess (%s) " % done.stdout.strip())
