@@ -8,8 +8,10 @@ program's address space, and only mappings in there are counted: neither its own
 translations. They have this machine's pages, of 4 KB as the board's are.
 """
 import argparse
+import contextlib
 import os
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -37,6 +39,13 @@ PLANT = {
             {"name": "measuring_%05d" % n, "type": "i4", "value": n} for n in range(count)]}
         for number, (name, count) in enumerate((("small", 1000), ("large", 10000)))],
 }
+
+
+@contextlib.contextmanager
+def simulated_plant():
+    with SimProcess(PLANT) as plant:
+        yield plant
+        shutil.rmtree("/tmp/vzbrowser/%s_%d" % (plant.host, plant.port), ignore_errors=True)
 
 
 class Client:
@@ -100,7 +109,7 @@ def module_bytes(options):
 def measure_memory(options):
     """Per step: resident bytes, written ones, threads, heap bytes."""
     found = {}
-    with SimProcess(PLANT) as plant:
+    with simulated_plant() as plant:
         client = Client(options, "rss", plant)
         for name, in client:
             found[name] = client.resident() + (client.threads(),)
@@ -114,7 +123,7 @@ def measure_memory(options):
 
 def measure_instructions(options):
     """Instructions of one read, by the number of its tags, and of one delivered change."""
-    with SimProcess(PLANT) as plant:
+    with simulated_plant() as plant:
         client = Client(options, "count", plant, "-plugin", options.plugin)
         for count, in client:
             plant.push_series("small", "measuring_00000", int(count) - 1)

@@ -6,6 +6,7 @@ INTERPRETER runs the simulator; this one does when none is given. Prints "fine".
 """
 
 import os
+import shutil
 import sys
 import time
 
@@ -59,6 +60,7 @@ def main(interpreter=None):
     check_place()
     with vzsim.SimProcess("boiler_house", tick=0, interpreter=interpreter) as plant:
         check_session(plant)
+        shutil.rmtree("/tmp/vzbrowser/%s_%d" % (plant.host, plant.port))
     print("fine")
 
 
