@@ -1,6 +1,8 @@
 // The server connection: login on two channels, project paths and the local cache.
 #pragma once
 
+#include <cstddef>
+
 #include "ScnSocket.h"
 #include "VzDefine.h"
 #include "nonwin/cstring.h"
@@ -14,6 +16,9 @@ struct _GUID {
     BYTE Data4[8];
 };
 static_assert(sizeof(_GUID) == 16);
+static_assert(offsetof(_GUID, Data2) == 4);
+static_assert(offsetof(_GUID, Data3) == 6);
+static_assert(offsetof(_GUID, Data4) == 8);
 
 // Fills a connection identifier: seconds since 1970, two random numbers, and the time of day as
 // seconds and microseconds of 32 bits each. Does not touch the process-wide random generator.

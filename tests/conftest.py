@@ -9,6 +9,7 @@ VZ_INTERPRETER   command of the interpreter under test, as a shell would split i
 VZ_IMPORT_PATH   folder that it imports from (build/python)
 VZ_PRELOAD       libraries preloaded into it, joined with ":"
 VZ_TIME_SCALE    factor on every deadline
+VZ_ROUNDS_SCALE  factor on how often tests repeat what a rare coincidence might break
 """
 
 import os

@@ -271,7 +271,7 @@ def parked(session, plant):
     class Parked:
         @staticmethod
         def start(code):
-            thread, = tasks.others(session.pid)
+            thread, = session.other_threads()
             plant.fault("H", "silent")
             session.start("drv.GetTagValue('b')\n" + code)
             plant.wait_requests(1, codes="H")
@@ -651,7 +651,7 @@ def test_signals_never_end_a_session(session, plant):
 
 
 def test_the_receive_thread_takes_no_signals(session):
-    thread, = tasks.others(session.pid)
+    thread, = session.other_threads()
     with open("/proc/%d/task/%d/status" % (session.pid, thread)) as stream:
         blocked = next(int(line.split()[1], 16) for line in stream if line.startswith("SigBlk"))
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGUSR1, signal.SIGALRM, signal.SIGCHLD):

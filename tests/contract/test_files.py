@@ -7,6 +7,7 @@ import resource
 import pytest
 
 import wire
+from cache import cache_folder
 from plants import SMALL_PLANT
 
 TIME = 1600000000
@@ -82,6 +83,22 @@ def test_a_fetched_file_has_the_servers_bytes_and_time(connect, cached):
     assert connect() == 0
     assert content(cached(FILE)) == driver_file()
     assert os.stat(cached(FILE)).st_mtime == TIME
+
+
+@pytest.mark.parametrize("time", [0x7FFFFFFF, 0x80000000, 0xFFFFFFFF])
+def test_a_file_time_from_2038_on_is_kept_and_known_again(
+        script, simulate, tmp_path, time):
+    put(tmp_path / "probe", b"", time)
+    if os.stat(tmp_path / "probe").st_mtime != time:
+        pytest.skip("this file system keeps no such time")
+    plant = simulate(dict(SMALL_PLANT, file_time=time))
+    host = "%s:%d" % (plant.host, plant.port)
+    path = os.path.join(cache_folder(host), "Line1", FILE)
+    for transfers in (1, 0):
+        script("db = VzDBAccess.DBCore()")
+        assert script("db.Connect(%r, 'operator', 'password')" % host) == 0
+        assert os.stat(path).st_mtime == time
+        assert len(plant.requests(clear=True, codes="4")) == transfers
 
 
 def test_a_fetched_file_belongs_to_the_user_alone(connect, script, cached):

@@ -66,6 +66,7 @@ def test_an_object_is_its_header_and_one_pointer(script, kind):
     assert script("VzDBAccess.%s.__basicsize__ == size" % kind)
     assert script("VzDBAccess.%s.__itemsize__" % kind) == 0
     assert script("sys.getsizeof(VzDBAccess.%s()) == size" % kind)
+    assert script("size == 3 * " + POINTER)  # 12 bytes on the board
 
 
 @pytest.mark.parametrize("kind", ["DBCore", "Driver"])

@@ -5,9 +5,10 @@ import signal
 import pytest
 
 import tasks
-from script import ScriptError, run
+from script import TIME_SCALE, ScriptError, rounds, run
 
-ROUNDS = 40
+ROUNDS = rounds(40)
+SESSIONS = rounds(500)
 
 # Defines under_fire(): a new session whose callback has been called, as (db, drv).
 UNDER_FIRE = """
@@ -16,7 +17,7 @@ def count(*arguments):
     global calls
     calls += 1
 
-def under_fire(callback=count):
+def under_fire(callback=count, called=lambda: calls > 0):
     global calls
     calls = 0
     db = VzDBAccess.DBCore()
@@ -24,10 +25,10 @@ def under_fire(callback=count):
     drv = db.GetDriver('line1')
     drv.SetTagNotify(callback)
     assert drv.ConnectTag('a') == 1
-    wait(lambda: calls > 0)
+    wait(called)
     return db, drv
 
-def wait(condition, seconds=20):
+def wait(condition, seconds=%r):
     end = time.monotonic() + seconds
     while not condition():
         assert time.monotonic() < end, 'not in time'
@@ -35,7 +36,7 @@ def wait(condition, seconds=20):
 
 def settle(fds, tasks):
     wait(lambda: (descriptors(), threads()) == (fds, tasks))
-"""
+""" % (20 * TIME_SCALE)
 
 
 @pytest.fixture
@@ -93,7 +94,7 @@ db, drv = under_fire()
 @pytest.mark.parametrize("end", ENDS)
 def test_a_script_ends_cleanly(plant, storm, end):
     code, expected = ENDS[end]
-    for _ in range(ROUNDS // 2):
+    for _ in range(rounds(20)):
         done = run(SCRIPT + code, "%s:%d" % (plant.host, plant.port))
         assert (done.returncode, done.stderr) == (expected, "")
 
@@ -123,12 +124,17 @@ def test_the_last_reference_is_dropped_inside_a_callback(fire):
 
 
 def test_no_callback_starts_after_the_core_is_gone(fire):
-    fire("for _ in range(%d):\n"
-         "    db, drv = under_fire()\n"
+    # Counts in C alone: script code may be interrupted between its start and its count.
+    fire("import functools, itertools\n"
+         "counter = functools.lru_cache(maxsize=0)(itertools.chain)\n"
+         "count = lambda: counter.cache_info().misses\n"
+         "for _ in range(%d):\n"
+         "    before = count()\n"
+         "    db, drv = under_fire(counter, lambda: count() > before)\n"
          "    del db\n"
-         "    calls = 0\n"
+         "    before = count()\n"
          "    time.sleep(0.01)\n"
-         "    assert calls == 0, calls" % ROUNDS, timeout=120)
+         "    assert count() == before" % ROUNDS, timeout=120)
 
 
 def test_connect_inside_a_callback(fire):
@@ -167,7 +173,7 @@ def test_connect_on_a_connected_core(fire):
          "settle(fds, tasks)" % ROUNDS, timeout=120)
 
 
-def test_the_server_closes_and_the_script_connects_again_500_times(fire, plant, storm):
+def test_the_server_closes_and_the_script_connects_again_and_again(fire, plant, storm):
     fire("import resource\n"
          "db = VzDBAccess.DBCore()\n"
          "def again():\n"
@@ -186,14 +192,15 @@ def test_the_server_closes_and_the_script_connects_again_500_times(fire, plant, 
          "def memory():\n"
          "    return int(open('/proc/self/statm').read().split()[1])")
     pages = []
-    for count in range(500):
+    for count in range(SESSIONS):
         fire("again()")
         plant.drop_clients(kind="reset" if count % 2 else "close")
         fire("wait(lost)")
-        if count in (100, 499):
+        if count in (SESSIONS // 5, SESSIONS - 1):
             fire("settle(fds, tasks)")
             pages.append(fire("memory()"))
-    assert pages[1] - pages[0] < 256, pages  # 1 MiB in 400 sessions
+    if not fire.emulated:
+        assert pages[1] - pages[0] < 256, pages  # 1 MiB in 400 sessions
 
 
 def test_drivers_of_lost_and_ended_sessions_never_reach_the_new_one(fire, plant):
@@ -234,6 +241,7 @@ def test_a_callback_that_raises_is_reported_and_the_stream_goes_on(fire):
          "db, drv = under_fire(fail)\n"
          "wait(lambda: calls > 3000)\n"
          "del db\n"
+         "settle(fds, tasks)\n"
          "assert len(reported) == calls, (len(reported), calls)\n"
          "assert {k for k, _ in reported} == {ValueError, SystemExit, KeyboardInterrupt}\n"
          "sys.unraisablehook = sys.__unraisablehook__")
@@ -249,6 +257,7 @@ def test_results_of_callbacks_are_released(fire):
          "db, drv = under_fire(give)\n"
          "wait(lambda: calls > 3000)\n"
          "del db\n"
+         "settle(fds, tasks)\n"
          "assert sys.getrefcount(result) <= 3, sys.getrefcount(result)")
 
 

@@ -6,6 +6,8 @@ the session at work.
 
 import pytest
 
+from script import TIME_SCALE
+
 # A core in a cycle, which only a collection frees, and whose end lets other threads run.
 CYCLE = """
 class Cycle: pass
@@ -76,7 +78,7 @@ class App:
 def drop_an_app():
     gc.disable()
     app = App()
-    end = time.monotonic() + 20
+    end = time.monotonic() + LIMIT
     while app.n < 20:
         assert time.monotonic() < end
         time.sleep(0.002)
@@ -95,7 +97,8 @@ def drop_an_app():
 @pytest.mark.parametrize("alarms", [False, True], ids=["changes", "alarms"])
 def test_a_collection_on_the_receive_thread_frees_core_and_callback(script, plant, storm, alarms):
     storm.alarms = alarms
-    script("HOST = '%s:%d'\nALARMS = %r" % (plant.host, plant.port, alarms))
+    script("HOST = '%s:%d'\nALARMS = %r\nLIMIT = %r"
+           % (plant.host, plant.port, alarms, 20 * TIME_SCALE))
     script("fds, tasks = descriptors(), threads()")
     script(APP)
     for _ in range(10):

@@ -2,8 +2,10 @@
 
 import pytest
 
+from script import TIME_SCALE, rounds
+
 FRAMES_PER_SEND = 256  # of 8 bytes: whole frames, one receive
-CHANGES = 2000000
+CHANGES = rounds(2000000)
 PAGES_OF_A_MIB = 256
 
 
@@ -19,18 +21,18 @@ def counting(session):
             "    expected = value + 1\n"
             "    calls += 1\n"
             "def wait(count):\n"
-            "    end = time.monotonic() + 30\n"
+            "    end = time.monotonic() + %r\n"
             "    while calls < count:\n"
             "        assert time.monotonic() < end, (calls, count)\n"
             "        time.sleep(0.0005)\n"
             "def pages():\n"
             "    return int(open('/proc/self/statm').read().split()[1])\n"
             "drv.SetTagNotify(follow)\n"
-            "assert drv.ConnectTag('a') == 1")
+            "assert drv.ConnectTag('a') == 1" % (30 * TIME_SCALE))
     return session
 
 
-def test_every_one_of_two_million_changes_arrives_and_memory_stays_flat(counting, plant):
+def test_every_change_of_a_long_stream_arrives_and_memory_stays_flat(counting, plant):
     """Frames are not put together across receives, so each send waits for the one before it."""
     pages = []
     for first in range(0, CHANGES, FRAMES_PER_SEND):
@@ -42,7 +44,8 @@ def test_every_one_of_two_million_changes_arrives_and_memory_stays_flat(counting
     assert counting("calls, wrong") == (CHANGES, [])
     assert counting("drv.GetTagValue('a')") == CHANGES - 1
     assert len(pages) == 10
-    assert pages[9] - pages[0] < PAGES_OF_A_MIB, pages
+    if not counting.emulated:
+        assert pages[9] - pages[0] < PAGES_OF_A_MIB, pages
 
 
 def test_an_unpaced_flood_leaves_a_working_session(counting, plant):

@@ -12,6 +12,7 @@ import sys
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
 TIME_SCALE = float(os.environ.get("VZ_TIME_SCALE", "1"))
+ROUNDS_SCALE = float(os.environ.get("VZ_ROUNDS_SCALE", "1"))
 
 
 class ScriptError(Exception):
@@ -21,6 +22,11 @@ class ScriptError(Exception):
         super().__init__("%s: %s" % (kind, text))
         self.kind = kind
         self.text = text
+
+
+def rounds(count):
+    """How often to repeat what a rare coincidence might break: ``count`` times at full speed."""
+    return max(1, round(count * ROUNDS_SCALE))
 
 
 def interpreter():
@@ -65,6 +71,7 @@ class Script:
     def __init__(self, timeout=60, **variables):
         self.timeout = timeout * TIME_SCALE
         self.expect_stderr = None
+        self._emulator = []
         self.process = subprocess.Popen(
             interpreter() + [os.path.join(HERE, "child.py")], env=dict(environment(), **variables),
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
@@ -93,9 +100,20 @@ class Script:
             raise AssertionError("the script died with %s\n%s" % (
                 self.process.returncode, self.stderr.decode("utf-8", "replace")))
         answer = json.loads(line.decode())
+        self._emulator = answer["emulator"]
         if "error" in answer:
             raise ScriptError(*answer["error"])
         return ast.literal_eval(answer["value"])
+
+    @property
+    def emulated(self):
+        """Whether an emulator runs a script that has given a result: it uses memory of its own."""
+        return bool(self._emulator)
+
+    def other_threads(self):
+        """The threads but the first of a script that has given a result, and no emulator's."""
+        tasks = map(int, os.listdir("/proc/%d/task" % self.pid))
+        return sorted(set(tasks) - {self.pid} - set(self._emulator))
 
     def connect(self, plant, user="operator", password="password"):
         """``db`` connects to a simulated plant, which must succeed."""

@@ -1,14 +1,8 @@
 """The threads of a child as the system sees them: whether they sleep, and how often they did."""
 
-import os
 import time
 
 from script import TIME_SCALE
-
-
-def others(pid):
-    """The threads of a process but the first."""
-    return sorted(int(tid) for tid in os.listdir("/proc/%d/task" % pid) if int(tid) != pid)
 
 
 def sleeps(pid, tid):

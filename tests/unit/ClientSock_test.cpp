@@ -4,7 +4,6 @@
 #include <netinet/tcp.h>
 #include <sys/stat.h>
 
-#include <cstdint>
 #include <cstring>
 
 #include "ProcessState.h"
@@ -397,12 +396,7 @@ TEST_F(Login, FirstClosesBothSockets) {
     EXPECT_FALSE(sock.m_rcvSock.IsSocket());
 }
 
-int64_t OptionMs(int h, int nOption) {
-    timeval tv{};
-    socklen_t nLen = sizeof tv;
-    EXPECT_EQ(getsockopt(h, SOL_SOCKET, nOption, &tv, &nLen), 0);
-    return int64_t{tv.tv_sec} * 1000 + tv.tv_usec / 1000;
-}
+int64_t OptionMs(int h, int nOption) { return TimeOptionUs(h, nOption) / 1000; }
 
 TEST_F(Login, RequestSocketHasEightSecondsBothWays) {
     LogIn();

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <fstream>
 #include <iterator>
 
@@ -527,14 +528,14 @@ TEST_F(Connecting, FailuresLeaveNoDescriptorBehind) {
     EXPECT_TRUE(Becomes(CountDescriptors, nDescriptors));
 }
 
-// Threads that get a stack larger than the address space cannot start.
+// Threads whose stack would fill the address space cannot start.
 TEST_F(Connecting, ReceiveThreadThatCannotStartIsMinus2) {
     OrderLogin();
     pthread_attr_t usual;
     pthread_attr_t huge;
     ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
     pthread_attr_init(&huge);
-    ASSERT_EQ(pthread_attr_setstacksize(&huge, size_t{1} << (sizeof(size_t) * 8 - 2)), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&huge, SIZE_MAX - 0xFFFFF), 0);
     ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
     const int nDescriptors = CountDescriptors();
     EXPECT_EQ(Connect(), -2);

@@ -191,7 +191,7 @@ TEST_F(Ending, DisconnectsLeaveNothingBehind) {
         server.Close(2 * i + 1);
         ASSERT_TRUE(server.Done());
     }
-    EXPECT_TRUE(Becomes(CountDescriptors, nDescriptors));
+    EXPECT_TRUE(FallsTo(CountDescriptors, nDescriptors));
     EXPECT_TRUE(FallsTo(CountThreads, m_nThreads));
 }
 
@@ -210,7 +210,7 @@ TEST_F(Ending, LossesLeaveNothingBehind) {
         ASSERT_TRUE(server.Done());
         ASSERT_TRUE(WaitFor([&] { return Gone(); }));
     }
-    EXPECT_TRUE(Becomes(CountDescriptors, nDescriptors));
+    EXPECT_TRUE(FallsTo(CountDescriptors, nDescriptors));
     EXPECT_TRUE(FallsTo(CountThreads, m_nThreads));
 }
 
@@ -464,7 +464,19 @@ int ThreadsWithoutSignals() {
     return nThreads;
 }
 
+// Whether the system tells the masks of this program's threads, and not those of its emulator.
+bool MasksAreTold() {
+    sigset_t all, before;
+    sigfillset(&all);
+    const int nBefore = ThreadsWithoutSignals();
+    pthread_sigmask(SIG_BLOCK, &all, &before);
+    const int nBlocked = ThreadsWithoutSignals();
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return nBlocked == nBefore + 1;
+}
+
 TEST_F(Ending, ReceiveThreadBlocksAllSignals) {
+    if (!MasksAreTold()) GTEST_SKIP() << "the emulator keeps the masks of signals to itself";
     const int nWithSession = ThreadsWithoutSignals();
     core->_Disconnect();
     ASSERT_TRUE(Becomes(ReceiveThreads, 0));

@@ -43,7 +43,8 @@ TEST_F(DownFile, CopyOfAnotherSizeIsAskedFor) {
 
 TEST_F(DownFile, TimesAreComparedAsUnsigned32Bits) {
     PutAged("f.dat", "x", static_cast<time_t>(0x80000001u));
-    if (static_cast<DWORD>(m_folder.Stat("f.dat").st_mtime) != 0x80000001u) GTEST_SKIP();
+    if (static_cast<DWORD>(m_folder.Stat("f.dat").st_mtime) != 0x80000001u)
+        GTEST_SKIP() << "this file system keeps no such time";
     EXPECT_EQ(Transfer("f.dat", 0x7FFFFFFFul, 1), EGetFile::kCurrent);
     EXPECT_EQ(Transfer("f.dat", 0x80000004ul, 1), EGetFile::kCurrent);
     EXPECT_EQ(Transfer("f.dat", 0x80000005ul, 1), EGetFile::kFailed);
@@ -53,7 +54,7 @@ TEST_F(DownFile, TimesAreComparedAsUnsigned32Bits) {
 }
 
 TEST_F(DownFile, OnlyTheLow32BitsOfWhatTheCallerKnowsCount) {
-    if (sizeof(unsigned long) == 4) GTEST_SKIP();
+    if (sizeof(unsigned long) == 4) GTEST_SKIP() << "a long has no high bits here";
     PutAged("f.dat", "x");
     const unsigned long nHigh = static_cast<unsigned long>(0x700000000ull);
     EXPECT_EQ(Transfer("f.dat", nHigh + kTime, nHigh + 1), EGetFile::kCurrent);
@@ -91,7 +92,8 @@ TEST_F(DownFile, RequestTellsOfBothInThatOrder) {
 
 TEST_F(DownFile, RequestPrintsTimesAs32Bits) {
     PutAged("f.dat", "x", static_cast<time_t>(0x90000000u));
-    if (static_cast<DWORD>(m_folder.Stat("f.dat").st_mtime) != 0x90000000u) GTEST_SKIP();
+    if (static_cast<DWORD>(m_folder.Stat("f.dat").st_mtime) != 0x90000000u)
+        GTEST_SKIP() << "this file system keeps no such time";
     EXPECT_EQ(Transfer(), EGetFile::kFailed);
     EXPECT_EQ(Request(), "4f.dat\r\nLastTime:90000000\r\nSize:1\r\nHello:Yes\r\n\r\n");
 }

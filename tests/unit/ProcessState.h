@@ -1,10 +1,13 @@
-// What a process holds: descriptors and threads; and folders to clear away.
+// What a process holds: descriptors and threads, time-outs of sockets; and folders to clear away.
 #pragma once
 
 #include <dirent.h>
 #include <ftw.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -56,6 +59,20 @@ inline bool IsOpenedTimes(const std::string& strPath, int nTimes) {
         usleep(1000);
     }
     return false;
+}
+
+// The time-out of a socket, SO_RCVTIMEO or SO_SNDTIMEO, in microseconds; -1 on failure. The system
+// is asked past the C library for two longs, which it gives however wide the seconds of a timeval
+// are.
+inline int64_t TimeOptionUs(int hSocket, int nOption) {
+    constexpr int kReceive = 20;
+    constexpr int kSend = 21;
+    long tv[2] = {-1, -1};
+    socklen_t nLen = sizeof tv;
+    if (syscall(SYS_getsockopt, hSocket, SOL_SOCKET, nOption == SO_RCVTIMEO ? kReceive : kSend, tv,
+                &nLen) != 0)
+        return -1;
+    return int64_t{tv[0]} * 1000000 + tv[1];
 }
 
 inline void RemoveTree(const std::string& strPath) {

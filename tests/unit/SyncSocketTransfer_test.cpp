@@ -353,7 +353,7 @@ TEST(SyncSocketRecvTimeOut, OfTheLongestTimeIsNoError) {
 }
 
 TEST(SyncSocketRecvTimeOut, ATimeBeyondAnIntIsNotCutToNothing) {
-    if (sizeof(long) == sizeof(int)) GTEST_SKIP();
+    if (sizeof(long) == sizeof(int)) GTEST_SKIP() << "a long is an int here";
     CSyncSocket near;
     CLoopbackPeer far(near);
     std::thread sender([&] {
@@ -395,7 +395,8 @@ TEST(SyncSocketRecvTimeOut, WorksOnDescriptorsBeyondAThousand) {
     constexpr int kHighFd = FD_SETSIZE + 500;
     rlimit old;
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
-    if (old.rlim_max != RLIM_INFINITY && old.rlim_max <= kHighFd) GTEST_SKIP();
+    if (old.rlim_max != RLIM_INFINITY && old.rlim_max <= kHighFd)
+        GTEST_SKIP() << "so high a descriptor is not allowed here";
     rlimit high = old;
     high.rlim_cur = kHighFd + 1;
     if (old.rlim_cur < high.rlim_cur) {
