@@ -8,21 +8,7 @@ import pytest
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
-SMOKE = """
-import os, sys
-import VzDBAccess
-from vzsim import SimProcess
-folder = os.path.dirname(VzDBAccess.__file__)
-assert folder.startswith(sys.prefix), folder
-assert os.path.exists(os.path.join(folder, "VzDBAccess.pyi"))
-with SimProcess("boiler_house") as plant:
-    db = VzDBAccess.DBCore()
-    assert db.Connect("127.0.0.1:%d" % plant.port, "operator", "password") == 0
-    drv = db.GetDriver("Boiler")
-    assert drv.SetTagValue("Operator note", "hello") == 0
-    assert drv.GetTagValue("Operator note") == "hello"
-print("fine")
-"""
+SMOKE = os.path.join(ROOT, "tests", "package", "smoke.py")
 
 
 @pytest.fixture(scope="module")
@@ -40,7 +26,7 @@ def venv(tmp_path_factory):
 
 
 def test_the_installed_module_works_with_the_installed_simulator(venv, tmp_path):
-    done = subprocess.run([str(venv / "python"), "-c", SMOKE], cwd=str(tmp_path),
+    done = subprocess.run([str(venv / "python"), SMOKE], cwd=str(tmp_path),
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8")
     assert (done.returncode, done.stdout, done.stderr) == (0, "fine\n", "")
 
@@ -50,3 +36,13 @@ def test_the_simulator_has_a_command(venv, tmp_path):
                           stdout=subprocess.PIPE, encoding="utf-8")
     assert done.returncode == 0
     assert "simulated plant" in done.stdout
+
+
+def test_the_wheel_has_the_version_of_the_package(venv):
+    done = subprocess.run(
+        [str(venv / "python"), "-c",
+         "from importlib.metadata import version; print(version('vzdbaccess'))"],
+        stdout=subprocess.PIPE, encoding="utf-8")
+    with open(os.path.join(ROOT, "debian", "changelog"), encoding="utf-8") as stream:
+        first = stream.readline()
+    assert first.startswith("vzdbaccess (%s) " % done.stdout.strip())
