@@ -102,6 +102,10 @@ class CClient {
         }
         return str;
     }
+    // Nothing is left of a connect that failed.
+    bool IsClosed() const {
+        return !core->m_reqSock.IsSocket() && !core->m_rcvSock.IsSocket() && !core->m_bConnect;
+    }
     // The receive thread has taken everything that was sent to it.
     bool HasTakenAll() const {
         int nLeft = 0;
@@ -292,7 +296,9 @@ class EveryByte : public ::testing::Test {
                     CBreakingServer server({eHow, exchange.strAt, n, false});
                     CClient client(server);
                     const auto start = std::chrono::steady_clock::now();
-                    EXPECT_EQ(Outcome(exchange, client, eHow), exchange.fnCut(n));
+                    const std::string strOutcome = Outcome(exchange, client, eHow);
+                    EXPECT_EQ(strOutcome, exchange.fnCut(n));
+                    EXPECT_TRUE(!exchange.bLogin || strOutcome[0] != '-' || client.IsClosed());
                     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
                     ConnectAgain(client);
                 });
