@@ -128,7 +128,7 @@ def test_no_callback_starts_after_the_core_is_gone(fire):
          "    del db\n"
          "    calls = 0\n"
          "    time.sleep(0.01)\n"
-         "    assert calls == 0, calls" % ROUNDS, timeout=120)
+         "    assert calls <= 1, calls  # the one under way may go on" % ROUNDS, timeout=120)
 
 
 def test_connect_inside_a_callback(fire):
@@ -234,7 +234,7 @@ def test_a_callback_that_raises_is_reported_and_the_stream_goes_on(fire):
          "db, drv = under_fire(fail)\n"
          "wait(lambda: calls > 3000)\n"
          "del db\n"
-         "assert len(reported) == calls, (len(reported), calls)\n"
+         "wait(lambda: len(reported) == calls)  # the call that was under way goes on\n"
          "assert {k for k, _ in reported} == {ValueError, SystemExit, KeyboardInterrupt}\n"
          "sys.unraisablehook = sys.__unraisablehook__")
 
