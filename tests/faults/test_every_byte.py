@@ -70,7 +70,7 @@ def broken(script, plant):
     plant.drop_clients()
     script("fds, tasks = 0, 0\n"
            "def wait(condition):\n"
-           "    end = time.monotonic() + 20\n"
+           "    end = time.monotonic() + 30\n"
            "    while not condition():\n"
            "        assert time.monotonic() < end, (descriptors(), threads(), fds, tasks)\n"
            "        time.sleep(0.001)\n"
@@ -200,7 +200,7 @@ def test_before_a_silence():
                 outcome = script(call)
                 lasted = script("time.monotonic() - start")
                 script("again()")
-                if outcome != result or lasted > 20:
+                if outcome != result or lasted > 60:
                     failures.append((code, after, outcome, lasted))
         except BaseException as error:
             failures.append((code, after, error))
