@@ -252,6 +252,14 @@ TEST_F(TagId, WhatWasResolvedBeforeAFailureStays) {
     EXPECT_EQ(drv->m_mapTagToId.size(), 59u);
 }
 
+TEST_F(TagId, FirstOfTwoRequestsThatFailsIsTheLast) {
+    OnRequest(Lookup(TenByteNames(0, 59)),
+              "0" + LookupReply(std::vector<unsigned>(59, 1)).substr(1));
+    EXPECT_EQ(Ids(Joined(TenByteNames(0, 60)), false), CIds{});
+    EXPECT_TRUE(drv->m_mapTagToId.empty());
+    EXPECT_EQ(server.Unread(0), "");
+}
+
 // ---- Single lookups -----------------------------------------------------------------------------
 
 TEST_F(TagId, SingleLookupAsksForOneName) {

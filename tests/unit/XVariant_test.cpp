@@ -10,6 +10,7 @@
 #include <limits>
 #include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "nonwin/VariantPub.h"
@@ -225,6 +226,16 @@ TEST(XVariant, CopiesOwnATextOfTheirOwn) {
         EXPECT_NE(p->pStrVal, source.pStrVal);
         EXPECT_EQ(p->pStrVal->size(), 3u);  // zero bytes included
     }
+}
+
+TEST(XVariant, MovedFromIsEmpty) {
+    XVariant text("text");
+    const CString* const pText = text.pStrVal;
+    const XVariant moved(std::move(text));
+    EXPECT_EQ(moved.vt, VT_STR);
+    EXPECT_EQ(moved.pStrVal, pText);
+    EXPECT_EQ(text.vt, VT_EMPTY);
+    EXPECT_EQ(text.llVal, 0);
 }
 
 TEST(XVariant, AssigningItselfChangesNothing) {
