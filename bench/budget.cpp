@@ -117,7 +117,7 @@ void CountDelivery(PyObject* driver, long nPort) {
     PyObject* fn = Must(PyCFunction_New(&kOnChange, nullptr), "callable");
     if (pipe(s_told) != 0) Fail("pipe");
     Py_DECREF(Must(PyObject_CallMethod(driver, "SetTagNotify", "O", fn), "SetTagNotify"));
-    Py_DECREF(Must(PyObject_CallMethod(driver, "ConnectTag", "s", "t060000"), "ConnectTag"));
+    Py_DECREF(Must(PyObject_CallMethod(driver, "ConnectTag", "s", "t000000"), "ConnectTag"));
     // 'g', number of values (2), driver id (2), tag id (2), type code (2), value (4): one change.
     static const uint8_t kOrder[] = {'g', 1, 0, 0, 0, 0x00, 0xFA, 3, 0, 1, 0, 0, 0};
     Py_BEGIN_ALLOW_THREADS;

@@ -1,44 +1,59 @@
 """The instruction budget: that the module keeps to it, and that one that does not is found out."""
+import json
 import os
 import subprocess
 import sys
+
+import pytest
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BENCH = os.path.join(ROOT, "bench")
 PROGRAMS = os.path.join(ROOT, "build", "release", "bench")
 sys.path.insert(0, BENCH)
 
+import budget  # noqa: E402
 from budget import Profile, compare, per_run  # noqa: E402
 
 JOBS = ("read 1 tag", "read 100 tags", "write 1 tag", "deliver 1 change")
 
 
-def run_budget(*options):
-    return subprocess.run(
-        [sys.executable, os.path.join(BENCH, "budget.py"), "--programs", PROGRAMS, *options],
-        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8", timeout=300)
-
-
 def test_the_module_keeps_to_its_budget():
-    done = run_budget()
+    done = subprocess.run(
+        [sys.executable, os.path.join(BENCH, "budget.py"), "--programs", PROGRAMS],
+        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8", timeout=300)
     print(done.stdout)
     assert done.returncode == 0, done.stdout
     for job in JOBS:
         assert job in done.stdout
 
 
-def test_a_key_without_a_budget_only_reports_until_it_is_given_one(tmp_path):
-    budget = tmp_path / "budget.json"
-    budget.write_text('{"another machine": {"read 1 tag": {"f": 1}}}')
-    first = run_budget("--budget", str(budget))
-    assert first.returncode == 0
-    assert "no budget is kept under this key" in first.stdout
-    assert run_budget("--budget", str(budget), "--renew").returncode == 0
-    second = run_budget("--budget", str(budget))
-    assert second.returncode == 0
-    assert "no budget" not in second.stdout
-    assert second.stdout.count("budget") == len(JOBS)
-    assert "another machine" in budget.read_text()
+@pytest.fixture
+def counted(tmp_path, monkeypatch):
+    """counted(instructions, option...) runs budget.py where a read takes so many instructions."""
+    path = tmp_path / "budget.json"
+    path.write_text('{"another": {"read": {"f": 1}}}')
+
+    def run(instructions, *options):
+        counts = {"read": {"f": instructions}}
+        monkeypatch.setattr(budget, "count", lambda programs: ("this", counts))
+        monkeypatch.setattr(sys, "argv", ["budget.py", "--programs", "-", "--budget", str(path),
+                                          *options])
+        budget.main()
+        return json.loads(path.read_text())
+    return run
+
+
+def test_a_key_without_a_budget_only_reports(counted, capsys):
+    assert counted(100) == {"another": {"read": {"f": 1}}}
+    assert "no budget is kept under this key" in capsys.readouterr().out
+
+
+def test_a_budget_that_is_renewed_is_held_to_and_others_stay(counted):
+    assert counted(100, "--renew") == {"another": {"read": {"f": 1}}, "this": {"read": {"f": 100}}}
+    counted(105)
+    with pytest.raises(SystemExit, match="over its budget"):
+        counted(106)
+    assert counted(106, "--renew")["this"] == {"read": {"f": 106}}
 
 
 def test_a_job_may_grow_by_five_percent():
