@@ -69,8 +69,9 @@ def floor_round(floor, size):
 
     used["subscribe"] = timed(floor.exchange, exchanges(subscribe_request, SUBSCRIBE_LIST,
                                                         subscribe_reply_length))
-    reads = [(read_request(part), requests.read, "") for part in split(groups, READ_LIST)]
-    used["read"] = timed(lambda *arguments: floor.repeated(*arguments)(1), reads)
+    reads = [floor.repeated(read_request(part), requests.read, "")
+             for part in split(groups, READ_LIST)]
+    used["read"] = timed(lambda run: run(1), [(run,) for run in reads])
     writes = [([write_request([(tag, 0) for tag in part])], [0])
               for part in split(groups, WRITE_LIST)]
     used["write"] = timed(floor.exchange, writes)

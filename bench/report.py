@@ -62,13 +62,15 @@ def rows(jobs):
 
 
 def per_tag_rows(per_tag):
-    """Median microseconds of CPU for a tag, by number of tags."""
+    """Median microseconds of CPU for a tag, by number of tags: 1, 10, ..."""
     sizes = list(per_tag["read"]["module"])
-    yield ["\u00b5s of CPU for a tag"] + ["%s" % format(int(size), ",") for size in sizes]
+    shown = [format(int(size), ",") for size in sizes]
+    yield ["\u00b5s of CPU for a tag", *shown, "%s : %s" % (shown[-1], shown[1])]
     for operation, sides in per_tag.items():
         for side, by_size in sides.items():
             yield ([operation + ("" if side == "module" else ", " + side)]
-                   + [number(by_size[size]["median"]) for size in sizes])
+                   + [number(by_size[size]["median"]) for size in sizes]
+                   + [number(by_size[sizes[-1]]["median"] / by_size[sizes[1]]["median"])])
 
 
 def aligned(table):
