@@ -4,6 +4,7 @@ import signal
 
 import pytest
 
+import tasks
 from script import ScriptError, run
 
 ROUNDS = 40
@@ -304,6 +305,7 @@ def test_a_script_that_is_interrupted_while_it_waits_goes_on(fire, plant):
         plant.fault("H", "silent")
         fire.start("drv.GetTagValue('b')")
         plant.wait_requests(1, codes="H")
+        tasks.wait_asleep(fire.pid, fire.pid)  # a signal between request and wait ends nothing
         fire.process.send_signal(signal.SIGINT)
         with pytest.raises(ScriptError) as raised:
             fire.result(timeout=6)

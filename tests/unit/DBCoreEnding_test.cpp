@@ -26,6 +26,9 @@ double Seconds(CClock::time_point tSince) {
     return std::chrono::duration<double>(CClock::now() - tSince).count();
 }
 
+// Seconds that nothing takes unless it waits for a time-out, the shortest of which is 8 s.
+constexpr double kNoWait = 6.0;
+
 // Tag 0 of Boiler is an int from here on; its changes are 8 bytes.
 std::string Change(uint32_t nValue) { return U16(0) + U16(0) + U32(nValue); }
 
@@ -58,14 +61,14 @@ TEST_F(Ending, WaitsForTheReceiveThreadsSignalAfter60Milliseconds) {
     const auto tStart = CClock::now();
     core->_Disconnect();
     EXPECT_GE(Seconds(tStart), 0.060);
-    EXPECT_LT(Seconds(tStart), 2.0);
+    EXPECT_LT(Seconds(tStart), kNoWait);
 }
 
 TEST_F(Ending, TwiceIsHarmless) {
     core->_Disconnect();
     const auto tStart = CClock::now();
     core->_Disconnect();
-    EXPECT_LT(Seconds(tStart), 0.050);
+    EXPECT_LT(Seconds(tStart), kNoWait);
 }
 
 TEST_F(Ending, EmptiesTheMapAndKeepsTheTablesLength) {
@@ -128,7 +131,7 @@ TEST_F(Ending, AfterALossDisconnectDoesNotWait) {
     EXPECT_TRUE(WaitFor([&] { return Gone() && ReceiveThreads() == 0; }));
     const auto tStart = CClock::now();
     core->_Disconnect();
-    EXPECT_LT(Seconds(tStart), 0.050);
+    EXPECT_LT(Seconds(tStart), kNoWait);
 }
 
 TEST_F(Ending, AfterALossOneMayConnectAgain) {
@@ -225,7 +228,7 @@ TEST_F(Ending, DoesNotWaitForAThreadThatWaitsForTheInterpreterLock) {
     ASSERT_TRUE(pSession->Parked());
     const auto tStart = CClock::now();
     core->_Disconnect();
-    EXPECT_LT(Seconds(tStart), 0.050);
+    EXPECT_LT(Seconds(tStart), kNoWait);
     EXPECT_TRUE(WaitFor([] { return ReceiveThreads() == 0; }));
     EXPECT_EQ(Repr("calls"), "[]") << "called after the end";
 }
@@ -286,7 +289,7 @@ TEST_F(Ending, FromInsideACallbackReturnsAtOnce) {
     const auto tStart = CClock::now();
     Push(Change(2) + Change(3));
     EXPECT_TRUE(WaitFor([&] { return Gone() && ReceiveThreads() == 0; }));
-    EXPECT_LT(Seconds(tStart), 1.0);
+    EXPECT_LT(Seconds(tStart), kNoWait);
 }
 
 TEST_F(Ending, LastShareMayBeDroppedInsideACallback) {
@@ -337,7 +340,7 @@ TEST_F(Ending, UnderAStreamOfChangesIsQuickManyTimes) {
         for (size_t n = 0; n < i % 5; ++n) Unlocked([] { usleep(300); });
         const auto tStart = CClock::now();
         core->_Disconnect();
-        EXPECT_LT(Seconds(tStart), 1.0);
+        EXPECT_LT(Seconds(tStart), kNoWait);
         const int nCalls = s_nCalls;
         Unlocked([] { usleep(1000); });
         EXPECT_EQ(s_nCalls, nCalls);
@@ -432,13 +435,16 @@ TEST_F(Ending, SignalEndsTheWaitOfAReadAsAFailure) {
     action.sa_handler = OnAlarm;
     sigaction(SIGALRM, &action, &before);
     Resolve(1);
-    itimerval soon{};
-    soon.it_value.tv_usec = 100000;
-    setitimer(ITIMER_REAL, &soon, nullptr);
+    // Again and again: a signal that comes just before the wait ends nothing.
+    itimerval often{};
+    often.it_value.tv_usec = often.it_interval.tv_usec = 100000;
+    setitimer(ITIMER_REAL, &often, nullptr);
     const auto tStart = CClock::now();
     EXPECT_EQ(ReprOf(drv->GetTagValue("T0")), "None");  // the server never answers
-    EXPECT_LT(Seconds(tStart), 2.0);
+    EXPECT_LT(Seconds(tStart), kNoWait);
     EXPECT_TRUE(core->m_bConnect);
+    often = {};
+    setitimer(ITIMER_REAL, &often, nullptr);
     sigaction(SIGALRM, &before, nullptr);
 }
 
