@@ -1,7 +1,7 @@
 """Jobs of a whole session or process: connect, the end of a session, import.
 
-Here it is wall time that counts. The least of some tries is taken: whatever else the machine does
-only adds to it.
+Sessions are timed by the wall, as most of their time is pauses; an import by its CPU. The least of
+some tries is taken: whatever else the machine does only adds to it.
 """
 import json
 import subprocess
@@ -19,7 +19,7 @@ IMPORT_AIM_MS = 1.5
 IMPORT_AIM_KB = 1024
 TRIES = 3
 
-# Prints what an import takes: milliseconds, and kilobytes of memory.
+# Prints what an import takes: milliseconds of CPU, and kilobytes of memory.
 IMPORT = """
 import json, sys, time, importlib
 def resident():
@@ -28,9 +28,9 @@ def resident():
 resident()
 name = sys.argv[1]
 before = resident()
-start = time.perf_counter()
+start = time.process_time()
 importlib.import_module(name)
-elapsed = time.perf_counter() - start
+elapsed = time.process_time() - start
 print(json.dumps([1e3 * elapsed, resident() - before]))
 """
 
@@ -76,7 +76,7 @@ class Figure:
 
 
 def import_figure(module, which):
-    """0: milliseconds, 1: kilobytes of resident memory, shared libraries with it."""
+    """0: milliseconds of CPU, 1: kilobytes of resident memory, shared libraries with it."""
     out = subprocess.check_output([sys.executable, "-c", IMPORT, module])
     return json.loads(out)[which]
 
