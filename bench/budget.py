@@ -108,6 +108,8 @@ def count(programs):
             name, runs = job.split(" / ")
             profile = Profile("%s.%d" % (out, number), names)
             counts[name] = per_run(profile.counts(), int(runs))
+            if not counts[name]:
+                sys.exit("budget: no function of the module is known: built without -g?")
         return key, counts
 
 

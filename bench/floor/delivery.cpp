@@ -8,7 +8,7 @@
 //       time. When cached is true the names are made into strs once; otherwise the arguments are
 //       built anew, "(ssO)", for each call.
 //   join()
-//       waits until the thread is done, and gives its CPU time (user and system) in seconds
+//       waits until the thread is done
 
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
@@ -17,7 +17,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 #include <exception>
 #include <functional>
 #include <string>
@@ -28,7 +27,7 @@ namespace {
 constexpr long kFrameBytes = 8;  // driver id (2), tag id (2), value (4)
 constexpr long kMaxChunkBytes = 2048;
 
-// Owned by the script's thread between start and join, but for what Run() writes.
+// Owned by the script's thread; between start and join the other one reads it.
 struct SFloor {
     PyObject* fn = nullptr;   // owned
     PyObject* drv = nullptr;  // owned; the names as strs, when they are made once
@@ -38,19 +37,12 @@ struct SFloor {
     long nCount = 0;
     long nChunkBytes = 0;
     int hSocket = -1;
-    double dCpu = 0;
     std::thread thread;
 };
 
 SFloor& Floor() {
     static SFloor& floor = *new SFloor;  // never destroyed: its thread may outlive the script
     return floor;
-}
-
-double ThreadCpuSeconds() {
-    timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) + 1e-9 * static_cast<double>(ts.tv_nsec);
 }
 
 PyObject* CallWithTuple(const SFloor& floor, PyObject* value) {
@@ -82,7 +74,6 @@ void Call(const SFloor& floor, const uint8_t* pFrame) {
 
 void Run(SFloor& floor, PyInterpreterState* interpreter) {
     PyThreadState* state = PyThreadState_New(interpreter);
-    const double dCpu = ThreadCpuSeconds();
     for (long nDone = 0; nDone < floor.nCount;) {
         uint8_t chunk[kMaxChunkBytes];
         const size_t nRoom = static_cast<size_t>(floor.nChunkBytes);
@@ -93,7 +84,6 @@ void Run(SFloor& floor, PyInterpreterState* interpreter) {
         PyEval_SaveThread();
         nDone += nFrames;
     }
-    floor.dCpu = ThreadCpuSeconds() - dCpu;
     PyEval_RestoreThread(state);
     PyThreadState_Clear(state);
     PyThreadState_DeleteCurrent();
@@ -147,12 +137,12 @@ PyObject* Join(PyObject* /*self*/, PyObject* /*args*/) {
     Py_END_ALLOW_THREADS Py_CLEAR(floor.fn);
     Py_CLEAR(floor.drv);
     Py_CLEAR(floor.tag);
-    return PyFloat_FromDouble(floor.dCpu);
+    Py_RETURN_NONE;
 }
 
 PyMethodDef methods[] = {
     {"start", Start, METH_VARARGS, "start(function, driver, tag, count, bytes, socket, cached)"},
-    {"join", Join, METH_NOARGS, "join() -> CPU seconds of the thread"},
+    {"join", Join, METH_NOARGS, "join()"},
     {nullptr, nullptr, 0, nullptr},
 };
 
