@@ -3,31 +3,28 @@
 //
 //   replay_server       prints the port it listens on (loopback only), ends when stdin closes
 //
-// It has one driver, "bench", with 65,000 tags. The number in a tag's name is its id: "t000123" is
-// tag 123. Every connection has a thread and may send any request at any time, also before or
-// without a login. A request that is not one of these ends its connection:
+// It has one driver, "bench", with 65,535 tags, which is as many as there can be. The number in a
+// tag's name is its id: "t000123" is tag 123, and so is the name of the same length in Chinese
+// characters, the one for "mark" and six numerals. Every connection has a thread and may send any
+// request at any time, also before or without a login. A request that is not one of these ends its
+// connection:
 //   '7' '8' '9'  login hello, notification hello, user login: always accepted, with all rights
 //   '4'          file transfer: every file is the driver file
 //   'L'          tag lookup
-//   'H' 'b'      read, subscribe: the values depend on a tag's place in the request only
+//   'H' 'b'      read, subscribe: the values depend on a tag's place in the request only; those of
+//                a subscription are integers all
 //   'g'          write: stepped over, but for orders
 //
-// An order is a write of an integer to one of two tags. "t064001" sets how many frames are sent in
-// one go, 256 at most. "t064000" sends that many changes of "t060000" on the notification channel
-// that was opened last: frames of 8 bytes with the values 1, 2, 3, ... The connection that gave the
-// order is served again when all is sent.
-//
-// 256 frames fill a client's receive: they are sent as fast as the client takes them. Fewer are
-// sent when the client's system has acknowledged those before, so that they do not flow together.
-// Linux delays this until the client receives, but at the start of a stream.
+// An order is a write of an integer to one of two tags. "t064001" sets how many tags take turns to
+// change, from tag 0 on; it is 1 at first. "t064000" sends that many changes on the notification
+// channel that was opened last: frames of 8 bytes with the values 1, 2, 3, ..., 256 in one go,
+// which fill a client's receive. The connection that gave the order is served again when all is
+// sent.
 
 #include <arpa/inet.h>
-#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -48,17 +45,16 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr unsigned kTags = 65000;
+constexpr uint32_t kTags = 65535;
 constexpr unsigned kNoTag = 0xFFFF;
 constexpr unsigned kMaxRead = 1023;       // tags in one read request
 constexpr unsigned kMaxSubscribed = 519;  // tags in one subscription request
 constexpr size_t kMaxChunk = 4096;        // bytes of values in one chunk of a reply
 constexpr size_t kBufferBytes = 65536;    // of requests that came in one go
 
-constexpr unsigned kChangedTag = 60000;
-constexpr unsigned kPushTag = 64000;    // a write of N sends N changes
-constexpr unsigned kFramesTag = 64001;  // a write of N has N frames sent in one go
-constexpr uint32_t kMaxFrames = 256;
+constexpr unsigned kPushTag = 64000;   // a write of N sends N changes
+constexpr unsigned kTurnsTag = 64001;  // a write of N has N tags take turns
+constexpr uint32_t kFrames = 256;      // sent in one go
 
 constexpr unsigned kCodeI4 = 3;
 constexpr unsigned kCodeR8 = 5;
@@ -176,10 +172,11 @@ Bytes DriverFile() {
     return file;
 }
 
-// The value of the tag at a place of a request, with its type code: integers and reals in turn.
-Bytes ValueAt(unsigned nPlace) {
+// The value of the tag at a place of a request, with its type code: integers and reals in turn, or
+// integers only.
+Bytes ValueAt(unsigned nPlace, bool bReals) {
     Bytes value;
-    if (nPlace % 2 == 0) {
+    if (nPlace % 2 == 0 || !bReals) {
         PutU16(value, kCodeI4);
         PutU32(value, 100000 + nPlace);
     } else {
@@ -190,10 +187,10 @@ Bytes ValueAt(unsigned nPlace) {
 }
 
 // The values of nCount tags, cut into chunks between values.
-std::vector<Bytes> ValueChunks(unsigned nCount) {
+std::vector<Bytes> ValueChunks(unsigned nCount, bool bReals) {
     std::vector<Bytes> chunks(1);
     for (unsigned i = 0; i < nCount; ++i) {
-        const Bytes value = ValueAt(i);
+        const Bytes value = ValueAt(i, bReals);
         if (chunks.back().size() + value.size() > kMaxChunk) chunks.emplace_back();
         PutBytes(chunks.back(), value);
     }
@@ -203,7 +200,7 @@ std::vector<Bytes> ValueChunks(unsigned nCount) {
 // Chunks of 'H', 1 when another one follows, length (2), values.
 Bytes ReadReply(unsigned nCount) {
     Bytes reply;
-    const std::vector<Bytes> chunks = ValueChunks(nCount);
+    const std::vector<Bytes> chunks = ValueChunks(nCount, true);
     for (size_t i = 0; i < chunks.size(); ++i) {
         PutU8(reply, 'H');
         PutU8(reply, i + 1 < chunks.size());
@@ -216,7 +213,7 @@ Bytes ReadReply(unsigned nCount) {
 // Chunks of 'b', length (2), values.
 Bytes SubscribeReply(unsigned nCount) {
     Bytes reply;
-    for (const Bytes& chunk : ValueChunks(nCount)) {
+    for (const Bytes& chunk : ValueChunks(nCount, false)) {
         PutU8(reply, 'b');
         PutU16(reply, static_cast<unsigned>(chunk.size()));
         PutBytes(reply, chunk);
@@ -273,16 +270,15 @@ class CPusher {
         if (m_hSocket == hSocket) m_hSocket = -1;
     }
 
-    // Sends changes to the values 1 to nChanges, nFrames of them in one go, or as many as the
-    // client takes before it ends the connection.
-    void Push(uint32_t nChanges, uint32_t nFrames) {
+    // Sends changes of nTags tags in turn to the values 1 to nChanges, or as many as the client
+    // takes before it ends the connection.
+    void Push(uint32_t nChanges, uint32_t nTags) {
         const std::lock_guard<std::mutex> guard(m_lock);
         Bytes frames;
         for (uint32_t nSent = 0; nSent < nChanges;) {
             frames.clear();
-            const uint32_t nEnd = nSent + std::min(nFrames, nChanges - nSent);
-            while (nSent < nEnd) PutChange(frames, ++nSent);
-            if (nFrames < kMaxFrames && !AllTaken()) return;
+            const uint32_t nEnd = nSent + std::min(kFrames, nChanges - nSent);
+            for (; nSent < nEnd; ++nSent) PutChange(frames, nSent % nTags, nSent + 1);
             const ssize_t n = send(m_hSocket, frames.data(), frames.size(), MSG_NOSIGNAL);
             if (n != static_cast<ssize_t>(frames.size())) return;
         }
@@ -290,23 +286,10 @@ class CPusher {
 
   private:
     // Driver id (2), tag id (2), value (4).
-    static void PutChange(Bytes& to, uint32_t nValue) {
+    static void PutChange(Bytes& to, uint32_t nTag, uint32_t nValue) {
         PutU16(to, 0);
-        PutU16(to, kChangedTag);
+        PutU16(to, nTag);
         PutU32(to, nValue);
-    }
-
-    // Waits until nothing that was sent is left to acknowledge. False when the connection ended.
-    // Asks without pause, since a client that finds nothing to receive pays for a sleep.
-    bool AllTaken() const {
-        for (;;) {
-            int nLeft = 0;
-            if (ioctl(m_hSocket, SIOCOUTQ, &nLeft) != 0) return false;
-            if (nLeft == 0) return true;
-            pollfd fd = {m_hSocket, POLLRDHUP, 0};
-            if (poll(&fd, 1, 0) != 0) return false;
-            sched_yield();  // a client may have no other core
-        }
     }
 
     std::mutex m_lock;
@@ -409,7 +392,21 @@ class CConnection {
     }
 
     static unsigned TagOf(std::string_view name) {
+        // In GB2312: the first character of Chinese names, and the numerals 0 to 9.
+        static const std::string_view kFirst = "\xB1\xEA";
+        static const std::string_view kNumerals =
+            "\xC1\xE3\xD2\xBB\xB6\xFE\xC8\xFD\xCB\xC4\xCE\xE5\xC1\xF9\xC6\xDF\xB0\xCB\xBE\xC5";
         unsigned nTag = 0;
+        if (name.substr(0, 2) == kFirst) {
+            for (name.remove_prefix(2); !name.empty() && nTag < kTags; name.remove_prefix(2)) {
+                size_t nAt = 0;
+                while (nAt < kNumerals.size() && kNumerals.substr(nAt, 2) != name.substr(0, 2))
+                    nAt += 2;
+                if (nAt == kNumerals.size() || name.size() < 2) return kNoTag;
+                nTag = nTag * 10 + static_cast<unsigned>(nAt / 2);
+            }
+            return nTag < kTags ? nTag : kNoTag;
+        }
         if (name.size() < 2 || name[0] != 't') return kNoTag;
         for (const char c : name.substr(1)) {
             if (c < '0' || c > '9') return kNoTag;
@@ -427,11 +424,11 @@ class CConnection {
             request.Skip(2);
             const unsigned nTag = request.U16();
             const uint32_t nValue = TakeValue(request);
-            if (nTag == kFramesTag) m_nFrames = std::clamp(nValue, uint32_t{1}, kMaxFrames);
+            if (nTag == kTurnsTag) m_nTurns = std::clamp(nValue, uint32_t{1}, kTags);
             if (nTag == kPushTag) nChanges = nValue;
         }
         if (request.IsShort()) return EServed::kShort;
-        if (nChanges) s_pusher.Push(nChanges, m_nFrames);
+        if (nChanges) s_pusher.Push(nChanges, m_nTurns);
         return EServed::kDone;
     }
 
@@ -468,7 +465,7 @@ class CConnection {
 
     const int m_hSocket;
     const SReplies& m_replies;
-    uint32_t m_nFrames = kMaxFrames;
+    uint32_t m_nTurns = 1;
 };
 
 std::atomic<uint32_t> CConnection::s_nFileTime{1600000000};
