@@ -22,7 +22,6 @@ constexpr size_t kReadBytes = 4096;
 constexpr size_t kMaxRead = 1023;     // tags in one read request
 constexpr size_t kChunkBytes = 4096;  // values in one chunk of a reply
 constexpr int kMaxEmptyChunks = 16;   // in a row; more are a failure
-constexpr size_t kSubscribeHeader = 3;
 constexpr size_t kReadHeader = 4;
 
 // Holds a core still for one operation of a driver; false when its session is over.
@@ -226,12 +225,10 @@ bool CDBDriver::ReadSubscribed(const std::vector<STag*>& asked) {
     CReqTimeSock& sock = m_pDBCore->m_reqSock;
     SReplyValues values{asked, true};
     while (!values.Complete()) {
-        BYTE header[kSubscribeHeader];
-        if (sock._Recv(header, 1, 0) != 1 || header[0] != kReqSubscribe) return false;
-        if (sock._Recv(header + 1, 2, 0) != 2) return false;
-        CByteReader reader(header, sizeof header);
-        reader.Take(1);
-        if (!TakeChunk(reader.ReadU16(), values)) return false;
+        const BYTE* pCode = sock.TakeOnce(1);
+        if (!pCode || *pCode != kReqSubscribe) return false;
+        const BYTE* pLength = sock.TakeOnce(2);
+        if (!pLength || !TakeChunk(CByteReader(pLength, 2).ReadU16(), values)) return false;
     }
     return true;
 }
@@ -269,9 +266,9 @@ bool CDBDriver::ReadAsked(const std::vector<STag*>& asked) {
     CReqTimeSock& sock = m_pDBCore->m_reqSock;
     SReplyValues values{asked, false};
     for (bool bMore = true; bMore && !values.Complete();) {
-        BYTE header[kReadHeader];
-        if (sock._Recv(header, sizeof header, 0) != static_cast<int>(sizeof header)) return false;
-        CByteReader reader(header, sizeof header);
+        const BYTE* pHeader = sock.TakeOnce(kReadHeader);
+        if (!pHeader) return false;
+        CByteReader reader(pHeader, kReadHeader);
         if (reader.ReadU8() != kReqRead) return false;
         bMore = reader.ReadU8() == 1;
         if (!TakeChunk(reader.ReadU16(), values)) return false;
@@ -282,10 +279,11 @@ bool CDBDriver::ReadAsked(const std::vector<STag*>& asked) {
 // Receives the nChunk bytes of a chunk and stores their values. False when they do not come, are
 // too many, or are the last of too many empty chunks in a row.
 bool CDBDriver::TakeChunk(WORD nChunk, SReplyValues& values) {
-    BYTE chunk[kChunkBytes];
-    if (nChunk > sizeof chunk || !m_pDBCore->m_reqSock.RecvAll(chunk, nChunk, 0)) return false;
+    if (nChunk > kChunkBytes) return false;
+    const BYTE* pChunk = m_pDBCore->m_reqSock.TakeAll(nChunk);
+    if (!pChunk) return false;
     values.nEmptyChunks = nChunk ? 0 : values.nEmptyChunks + 1;
-    return values.nEmptyChunks < kMaxEmptyChunks && StoreValues(chunk, nChunk, values);
+    return values.nEmptyChunks < kMaxEmptyChunks && StoreValues(pChunk, nChunk, values);
 }
 
 // Stores the values of one chunk into the records whose turn it is. False for a value cut by the
