@@ -51,6 +51,8 @@ constexpr size_t kMaxWriteBytes = 2048;
 //            interpreter lock; no interpreter object is made while a lock of the core is held.
 class CDBDriver {
   public:
+    class CKnownLists;
+
     // A tag's record. Its id is always its index.
     struct STag {
         XVariant value;  // last known value; guarded by the core's data lock
@@ -129,7 +131,6 @@ class CDBDriver {
     CDBCore* m_pDBCore;
 
   private:
-    class CKnownLists;
     struct SBatch;
     struct SCopies;
     struct SEncoded;
