@@ -83,13 +83,14 @@ int CSyncSocket::_Send(const void* lpBuf, int nBufLen, int nFlags) {
 
 int CSyncSocket::_Recv(void* lpBuf, int nBufLen, int nFlags) {
     if (RefuseLength(nBufLen)) return -1;
-    return static_cast<int>(recv(m_hSocket, lpBuf, static_cast<size_t>(nBufLen), nFlags));
+    return RecvOnce(lpBuf, static_cast<size_t>(nBufLen), nFlags);
 }
 
 // Deliberate: descriptor 0 is forgotten but not closed here, while the destructor closes it.
 void CSyncSocket::Close() {
     if (IsSocket()) close(m_hSocket);
     m_hSocket = -1;
+    m_nAhead = 0;
 }
 
 BOOL CSyncSocket::ShutDown(int nHow) { return shutdown(m_hSocket, nHow) == 0; }
@@ -175,12 +176,56 @@ bool CSyncSocket::RecvAll(void* lpBuf, int nBufLen, int nFlags) {
     BYTE* p = static_cast<BYTE*>(lpBuf);
     size_t nLeft = static_cast<size_t>(nBufLen);
     while (nLeft) {
-        const ssize_t n = recv(m_hSocket, p, nLeft, nFlags);
+        const int n = RecvOnce(p, nLeft, nFlags);
         if (n <= 0) return false;
         p += n;
         nLeft -= static_cast<size_t>(n);
     }
     return true;
+}
+
+const BYTE* CSyncSocket::TakeOnce(size_t nLen) {
+    if (m_nAhead < nLen) FillAhead(m_nAhead ? MSG_DONTWAIT : 0);
+    return TakeAhead(nLen);
+}
+
+const BYTE* CSyncSocket::TakeAll(size_t nLen) {
+    while (m_nAhead < nLen && FillAhead(0)) {
+    }
+    return TakeAhead(nLen);
+}
+
+// One receive behind the bytes that were not taken. False when it gave nothing.
+bool CSyncSocket::FillAhead(int nFlags) {
+    if (!m_pAhead) m_pAhead = std::make_unique<BYTE[]>(kAheadBytes);
+    if (m_nAhead) std::memmove(m_pAhead.get(), m_pAhead.get() + m_nAheadAt, m_nAhead);
+    m_nAheadAt = 0;
+    const ssize_t n = recv(m_hSocket, m_pAhead.get() + m_nAhead, kAheadBytes - m_nAhead, nFlags);
+    if (n <= 0) return false;
+    m_nAhead += static_cast<size_t>(n);
+    return true;
+}
+
+const BYTE* CSyncSocket::TakeAhead(size_t nLen) {
+    if (m_nAhead < nLen) {
+        m_nAhead = 0;
+        return nullptr;
+    }
+    const BYTE* p = m_pAhead.get() + m_nAheadAt;
+    m_nAheadAt += nLen;
+    m_nAhead -= nLen;
+    return p;
+}
+
+// One receive, as if the bytes that were not taken were still with the system.
+int CSyncSocket::RecvOnce(void* pBuf, size_t nLen, int nFlags) {
+    if (m_nAhead == 0) return static_cast<int>(recv(m_hSocket, pBuf, nLen, nFlags));
+    const size_t nOld = std::min(nLen, m_nAhead);
+    std::memcpy(pBuf, TakeAhead(nOld), nOld);
+    if (nOld == nLen) return static_cast<int>(nLen);
+    const ssize_t nNew =
+        recv(m_hSocket, static_cast<BYTE*>(pBuf) + nOld, nLen - nOld, nFlags | MSG_DONTWAIT);
+    return static_cast<int>(nOld) + static_cast<int>(std::max<ssize_t>(nNew, 0));
 }
 
 bool CSyncSocket::SendTimeOut(const void* pBuffer, DWORD dwSize, long nTimeOut) {
@@ -191,7 +236,7 @@ bool CSyncSocket::SendTimeOut(const void* pBuffer, DWORD dwSize, long nTimeOut) 
 }
 
 int CSyncSocket::RecvTimeOut(void* lpBuf, int nBufLen, long nTimeOut) {
-    if (!WaitFor(m_hSocket, POLLIN, nTimeOut)) return kRecvTimedOut;
+    if (m_nAhead == 0 && !WaitFor(m_hSocket, POLLIN, nTimeOut)) return kRecvTimedOut;
     return _Recv(lpBuf, nBufLen, 0);
 }
 

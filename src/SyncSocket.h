@@ -4,6 +4,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <memory>
+
 #include "VzDefine.h"
 
 using SOCKADDR = sockaddr;
@@ -92,6 +94,16 @@ class CSyncSocket {
     bool SendAll(const void* lpBuf, int nBufLen, int nFlags);
     bool RecvAll(void* lpBuf, int nBufLen, int nFlags);
 
+    // The next nLen bytes, for replies whose first bytes tell what follows: the system is asked for
+    // more than that, so that what has come together takes one receive. What came beyond stays
+    // here, and every receive of this object gives it first, as if it were still with the system.
+    // TakeOnce: bytes that must be had by one receive; RecvAll's rule holds for TakeAll.
+    // nLen: kAheadBytes at most. Null when they do not come; those that did are lost. The bytes are
+    // valid until the next receive.
+    static constexpr size_t kAheadBytes = 8200;  // two chunks of values of the greatest length
+    const BYTE* TakeOnce(size_t nLen);
+    const BYTE* TakeAll(size_t nLen);
+
     // Waits up to nTimeOut milliseconds until bytes can be sent, then sends once. True only when
     // that one send took all dwSize bytes. A negative time-out fails at once.
     bool SendTimeOut(const void* pBuffer, DWORD dwSize, long nTimeOut);
@@ -131,4 +143,13 @@ class CSyncSocket {
 
   protected:
     SOCKET m_hSocket = -1;
+
+  private:
+    int RecvOnce(void* pBuf, size_t nLen, int nFlags);
+    bool FillAhead(int nFlags);
+    const BYTE* TakeAhead(size_t nLen);
+
+    std::unique_ptr<BYTE[]> m_pAhead;  // kAheadBytes, made for the first that are taken
+    size_t m_nAheadAt = 0;             // of the first byte that was not taken
+    size_t m_nAhead = 0;               // how many were not
 };

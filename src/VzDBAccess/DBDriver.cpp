@@ -7,6 +7,7 @@
 
 #include "ByteCursor.h"
 #include "VzDBAccess/DBCore.h"
+#include "VzDBAccess/KnownLists.h"
 #include "vznetdef.h"
 
 namespace {
@@ -21,7 +22,6 @@ constexpr size_t kReadBytes = 4096;
 constexpr size_t kMaxRead = 1023;     // tags in one read request
 constexpr size_t kChunkBytes = 4096;  // values in one chunk of a reply
 constexpr int kMaxEmptyChunks = 16;   // in a row; more are a failure
-constexpr size_t kSubscribeHeader = 3;
 constexpr size_t kReadHeader = 4;
 
 // Holds a core still for one operation of a driver; false when its session is over.
@@ -36,27 +36,17 @@ class COperation {
     bool m_bServes;
 };
 
-// A batch of names to look up: 'L', then driver id (2), name and zero byte of each.
-struct SBatch {
-    SBatch() { writer.WriteU8(kReqTagId); }
-    void Restart() {
-        writer = CByteWriter(request, sizeof request);
-        writer.WriteU8(kReqTagId);
-        names.clear();
-    }
-    bool Fits(const CString& strName) const {
-        return strName.size() + kLookupOverhead <= writer.Room();
-    }
-    void Add(WORD drvId, const CString& strName) {
-        writer.WriteU16(drvId);
-        writer.WriteText(strName, strName.size());
-        names.push_back(strName);
-    }
-
-    char request[kLookupBytes];
-    CByteWriter writer{request, sizeof request};
-    std::list<CString> names;
-};
+// Takes the next name off a list's front: what stands between commas, without the spaces around it,
+// which may be nothing. False when no name is left.
+bool TakeName(std::string_view& list, std::string_view& name) {
+    list.remove_prefix(std::min(list.find_first_not_of(','), list.size()));
+    name = list.substr(0, list.find(','));
+    list.remove_prefix(name.size());
+    if (name.empty()) return false;
+    name.remove_prefix(std::min(name.find_first_not_of(' '), name.size()));
+    name = name.substr(0, name.find_last_not_of(' ') + 1);
+    return true;
+}
 
 bool IsArray(const BYTE* pValue, size_t nLen) {
     CByteReader reader(pValue, nLen);
@@ -66,6 +56,12 @@ bool IsArray(const BYTE* pValue, size_t nLen) {
 }  // namespace
 
 // ---- Names --------------------------------------------------------------------------------------
+
+CDBDriver::CDBDriver(CDBCore* pDBCore, const CDBSession* pSession, WORD drvId,
+                     const CString& strDriver)
+    : m_drvId(drvId), m_strDriver(strDriver), m_pDBCore(pDBCore), m_pSession(pSession) {}
+
+CDBDriver::~CDBDriver() = default;
 
 void CDBDriver::SetTagCount(DWORD dwCount) {
     m_tags.resize(dwCount);
@@ -78,11 +74,6 @@ void CDBDriver::SetCBFunc(PyObject* cbFunc) {
     m_tagNotifyFn.compare_exchange_strong(pNone, cbFunc);
 }
 
-void CDBDriver::NameRecord(STag& tag, const CString& strName) {
-    std::lock_guard<std::mutex> data(m_pDBCore->m_dataLock);
-    tag.strTag = strName;
-}
-
 WORD CDBDriver::GetTagId(LPCTSTR tagName) {
     if (!tagName || !*tagName || m_tags.empty()) return kNoTagId;
     const CString strName(tagName);
@@ -90,55 +81,104 @@ WORD CDBDriver::GetTagId(LPCTSTR tagName) {
     if (it != m_mapTagToId.end()) return it->second;
     WORD nId = kNoTagId;
     m_pDBCore->GetTagId(m_drvId, tagName, &nId);  // a lookup that failed leaves the id unknown
-    if (STag* pTag = RecordOf(nId)) NameRecord(*pTag, strName);
+    if (STag* pTag = RecordOf(nId)) {
+        std::lock_guard<std::mutex> data(m_pDBCore->m_dataLock);
+        pTag->strTag = strName;
+    }
     m_mapTagToId[strName] = nId;
     return nId;
 }
 
+// A batch of names to look up: 'L', then driver id (2), name and zero byte of each.
+struct CDBDriver::SBatch {
+    struct SName {
+        std::string_view name;
+        decltype(m_mapTagToId)::iterator itBehind;  // where the name would stand before
+    };
+
+    SBatch() { writer.WriteU8(kReqTagId); }
+    void Restart() {
+        writer = CByteWriter(request, sizeof request);
+        writer.WriteU8(kReqTagId);
+        names.clear();
+    }
+    bool Fits(std::string_view name) const {
+        return name.size() + kLookupOverhead <= writer.Room();
+    }
+    void Add(WORD drvId, const SName& name) {
+        writer.WriteU16(drvId);
+        writer.WriteText(name.name.data(), name.name.size());
+        names.push_back(name);
+    }
+
+    char request[kLookupBytes];
+    CByteWriter writer{request, sizeof request};
+    std::vector<SName> names;
+};
+
 bool CDBDriver::CheckTagId(LPCTSTR tags, std::vector<STag*>& reqTags) {
-    const CString strTags(tags);
     SBatch batch;
-    for (int nAt = 0;;) {
-        CString strName = strTags.Tokenize(",", nAt);
-        if (strName.IsEmpty()) break;
-        strName.Trim(' ');
-        if (strName.IsEmpty() || strName.size() > kMaxName) {
+    std::string_view list(tags);
+    for (std::string_view name; TakeName(list, name);) {
+        if (name.empty() || name.size() > kMaxName) {
             reqTags.push_back(nullptr);
             continue;
         }
-        const auto it = m_mapTagToId.find(strName);
-        if (it != m_mapTagToId.end()) {
+        const auto it = m_mapTagToId.lower_bound(name);
+        if (it != m_mapTagToId.end() && std::string_view(it->first) == name) {
             reqTags.push_back(RecordOf(it->second));
             continue;
         }
-        if (!batch.Fits(strName)) {
-            if (!ReqBatchGetPoss(batch.names, batch.request, batch.writer.Size(), reqTags))
-                return false;
+        if (!batch.Fits(name)) {
+            if (!ReqBatchGetPoss(batch, reqTags)) return false;
             batch.Restart();
         }
-        batch.Add(m_drvId, strName);
+        batch.Add(m_drvId, {name, it});
     }
-    return batch.names.empty() ||
-           ReqBatchGetPoss(batch.names, batch.request, batch.writer.Size(), reqTags);
+    return batch.names.empty() || ReqBatchGetPoss(batch, reqTags);
 }
 
 // Reply: 'L', then tag id (2) and two bytes that mean nothing here, for each name.
-bool CDBDriver::ReqBatchGetPoss(std::list<CString>& curTags, const char* szSend, size_t nLen,
-                                std::vector<STag*>& reqTags) {
+bool CDBDriver::ReqBatchGetPoss(SBatch& batch, std::vector<STag*>& reqTags) {
     char reply[kLookupReply];
-    const size_t nReply = 1 + 4 * curTags.size();
-    if (!m_pDBCore->RequestAll(szSend, nLen, nReply, reply)) return false;
+    const size_t nReply = 1 + 4 * batch.names.size();
+    if (!m_pDBCore->RequestAll(batch.request, batch.writer.Size(), nReply, reply)) return false;
     CByteReader reader(reply, nReply);
     if (reader.ReadU8() != kReqTagId) return false;
-    for (const CString& strName : curTags) {
+    const size_t nBefore = reqTags.size();
+    for (const SBatch::SName& name : batch.names) {
         const WORD nId = reader.ReadU16();
         reader.Take(2);
-        m_mapTagToId[strName] = nId;
-        STag* pTag = RecordOf(nId);
-        if (pTag) NameRecord(*pTag, strName);
-        reqTags.push_back(pTag);
+        m_mapTagToId.insert_or_assign(name.itBehind, CString(std::string(name.name)), nId);
+        reqTags.push_back(RecordOf(nId));
+    }
+    std::lock_guard<std::mutex> data(m_pDBCore->m_dataLock);
+    for (size_t i = 0; i < batch.names.size(); ++i) {
+        if (STag* pTag = reqTags[nBefore + i]) pTag->strTag.assign(batch.names[i].name);
     }
     return true;
+}
+
+// The records of the names of an operation: of a list that is known, or else in reqTags. Null when
+// an exchange failed.
+// Lists are kept when all their names were cached before the call: only then does the same text
+// give the same list again. And only when the whole text has a GB2312 form: else it is converted
+// each time, and each time the error is told.
+const std::vector<CDBDriver::STag*>* CDBDriver::Resolve(const STagNames& names,
+                                                        std::vector<STag*>& reqTags) {
+    if (!names.bScript) return CheckTagId(names.szText, reqTags) ? &reqTags : nullptr;
+    const std::string_view text(names.szText);
+    if (m_pKnownLists) {
+        if (const std::vector<STag*>* pKnown = m_pKnownLists->Find(text)) return pKnown;
+    }
+    const CUTF82T strTags(names.szText);
+    const size_t nCached = m_mapTagToId.size();
+    if (!CheckTagId(strTags, reqTags)) return nullptr;
+    if (m_mapTagToId.size() == nCached && std::string_view(CT2UTF8(strTags)) == text) {
+        if (!m_pKnownLists) m_pKnownLists = std::make_unique<CKnownLists>(m_tags.size());
+        m_pKnownLists->Add(text, reqTags);
+    }
+    return &reqTags;
 }
 
 // The records whose values a reply brings, in order, and how far it has come.
@@ -154,16 +194,17 @@ struct CDBDriver::SReplyValues {
 // ---- Subscribe and read -------------------------------------------------------------------------
 
 // Request: 'b', count (2), then for each tag driver id (2), tag id (2), 0.
-bool CDBDriver::_ConnectTag(LPCTSTR tags) {
+bool CDBDriver::_ConnectTag(const STagNames& names) {
     COperation operation(*m_pDBCore, m_pSession);
-    std::vector<STag*> reqTags;
-    if (!operation || !CheckTagId(tags, reqTags)) return false;
+    std::vector<STag*> resolved;
+    const std::vector<STag*>* pTags = operation ? Resolve(names, resolved) : nullptr;
+    if (!pTags) return false;
     BYTE request[kSubscribeBytes];
     CByteWriter writer(request, sizeof request);
     writer.WriteU8(kReqSubscribe);
     writer.WriteU16(0);
     std::vector<STag*> asked;
-    for (STag* pTag : reqTags) {
+    for (STag* pTag : *pTags) {
         if (asked.size() == kMaxSubscribed) break;
         if (!pTag || pTag->bSubscribe) continue;
         const STagItem item = {m_drvId, pTag->id, 0};
@@ -184,24 +225,27 @@ bool CDBDriver::ReadSubscribed(const std::vector<STag*>& asked) {
     CReqTimeSock& sock = m_pDBCore->m_reqSock;
     SReplyValues values{asked, true};
     while (!values.Complete()) {
-        BYTE header[kSubscribeHeader];
-        if (sock._Recv(header, 1, 0) != 1 || header[0] != kReqSubscribe) return false;
-        if (sock._Recv(header + 1, 2, 0) != 2) return false;
-        CByteReader reader(header, sizeof header);
-        reader.Take(1);
-        if (!TakeChunk(reader.ReadU16(), values)) return false;
+        const BYTE* pCode = sock.TakeOnce(1);
+        if (!pCode || *pCode != kReqSubscribe) return false;
+        const BYTE* pLength = sock.TakeOnce(2);
+        if (!pLength || !TakeChunk(CByteReader(pLength, 2).ReadU16(), values)) return false;
     }
     return true;
 }
 
-// Request: 'H', count (2), then for each tag driver id (2), tag id (2).
 bool CDBDriver::_GetTagValue(LPCTSTR tags, std::vector<STag*>& reqTags) {
-    if (!CheckTagId(tags, reqTags)) return false;
+    return CheckTagId(tags, reqTags) && Refresh(reqTags);
+}
+
+// Reads those that are not subscribed, at most 1023 of them, from the server.
+// Request: 'H', count (2), then for each tag driver id (2), tag id (2).
+bool CDBDriver::Refresh(const std::vector<STag*>& reqTags) {
     BYTE request[kReadBytes];
     CByteWriter writer(request, sizeof request);
     writer.WriteU8(kReqRead);
     writer.WriteU16(0);
     std::vector<STag*> asked;
+    asked.reserve(std::min(reqTags.size(), kMaxRead));
     for (STag* pTag : reqTags) {
         if (asked.size() == kMaxRead) break;
         if (!pTag || pTag->bSubscribe) continue;
@@ -222,9 +266,9 @@ bool CDBDriver::ReadAsked(const std::vector<STag*>& asked) {
     CReqTimeSock& sock = m_pDBCore->m_reqSock;
     SReplyValues values{asked, false};
     for (bool bMore = true; bMore && !values.Complete();) {
-        BYTE header[kReadHeader];
-        if (sock._Recv(header, sizeof header, 0) != static_cast<int>(sizeof header)) return false;
-        CByteReader reader(header, sizeof header);
+        const BYTE* pHeader = sock.TakeOnce(kReadHeader);
+        if (!pHeader) return false;
+        CByteReader reader(pHeader, kReadHeader);
         if (reader.ReadU8() != kReqRead) return false;
         bMore = reader.ReadU8() == 1;
         if (!TakeChunk(reader.ReadU16(), values)) return false;
@@ -235,10 +279,11 @@ bool CDBDriver::ReadAsked(const std::vector<STag*>& asked) {
 // Receives the nChunk bytes of a chunk and stores their values. False when they do not come, are
 // too many, or are the last of too many empty chunks in a row.
 bool CDBDriver::TakeChunk(WORD nChunk, SReplyValues& values) {
-    BYTE chunk[kChunkBytes];
-    if (nChunk > sizeof chunk || !m_pDBCore->m_reqSock.RecvAll(chunk, nChunk, 0)) return false;
+    if (nChunk > kChunkBytes) return false;
+    const BYTE* pChunk = m_pDBCore->m_reqSock.TakeAll(nChunk);
+    if (!pChunk) return false;
     values.nEmptyChunks = nChunk ? 0 : values.nEmptyChunks + 1;
-    return values.nEmptyChunks < kMaxEmptyChunks && StoreValues(chunk, nChunk, values);
+    return values.nEmptyChunks < kMaxEmptyChunks && StoreValues(pChunk, nChunk, values);
 }
 
 // Stores the values of one chunk into the records whose turn it is. False for a value cut by the
@@ -261,43 +306,54 @@ bool CDBDriver::StoreValues(const BYTE* pChunk, size_t nChunk, SReplyValues& val
     return true;
 }
 
-// Runs a read and copies what it found, so that the objects are made without a lock: making one may
-// run a collection of garbage, and with it any script code.
-bool CDBDriver::CopyValues(LPCTSTR tags, std::vector<XVariant>& values, std::vector<bool>& known) {
+// What a read found. Copied, so that the objects are made without a lock: making one may run a
+// collection of garbage, and with it any script code.
+struct CDBDriver::SCopies {
+    size_t nNames = 0;
+    bool bKnown = false;            // the name, when there is one
+    XVariant single;                // its value
+    std::vector<XVariant> several;  // of more names than one; empty for an unknown one
+};
+
+bool CDBDriver::CopyValues(const STagNames& names, SCopies& copies) {
     COperation operation(*m_pDBCore, m_pSession);
-    std::vector<STag*> reqTags;
-    if (!operation || !_GetTagValue(tags, reqTags)) return false;
+    std::vector<STag*> resolved;
+    const std::vector<STag*>* pTags = operation ? Resolve(names, resolved) : nullptr;
+    if (!pTags || !Refresh(*pTags)) return false;
+    copies.nNames = pTags->size();
+    if (copies.nNames > 1) copies.several.reserve(copies.nNames);
     std::lock_guard<std::mutex> data(m_pDBCore->m_dataLock);
-    values.reserve(reqTags.size());
-    known.reserve(reqTags.size());
-    for (const STag* pTag : reqTags) {
-        known.push_back(pTag != nullptr);
+    if (copies.nNames == 1) {
+        const STag* pTag = pTags->front();
+        copies.bKnown = pTag != nullptr;
+        if (pTag) copies.single = pTag->value;
+        return true;
+    }
+    for (const STag* pTag : *pTags) {
         if (pTag) {
-            values.push_back(pTag->value);
+            copies.several.push_back(pTag->value);
         } else {
-            values.emplace_back();
+            copies.several.emplace_back();
         }
     }
     return true;
 }
 
-PyObject* CDBDriver::GetTagValue(LPCTSTR tags) {
-    std::vector<XVariant> values;
-    std::vector<bool> known;
-    if (!CopyValues(tags, values, known) || values.empty()) Py_RETURN_NONE;
-    if (values.size() == 1) {
-        if (!known[0]) Py_RETURN_NONE;
-        return ValueToObj(&values[0]);
+PyObject* CDBDriver::GetTagValue(const STagNames& names) {
+    SCopies copies;
+    if (!CopyValues(names, copies) || copies.nNames == 0) Py_RETURN_NONE;
+    if (copies.nNames == 1) {
+        if (!copies.bKnown) Py_RETURN_NONE;
+        return ValueToObj(&copies.single);
     }
-    PyObject* list = PyList_New(static_cast<Py_ssize_t>(values.size()));
-    for (size_t i = 0; list && i < values.size(); ++i) {
-        if (!known[i]) continue;  // deliberate: the slot stays empty
-        PyObject* value = ValueToObj(&values[i]);
+    PyObject* list = PyList_New(static_cast<Py_ssize_t>(copies.nNames));
+    for (size_t i = 0; list && i < copies.nNames; ++i) {
+        PyObject* value = ValueToObj(&copies.several[i]);
         if (value) {
             PyList_SET_ITEM(list, static_cast<Py_ssize_t>(i), value);
         } else if (PyErr_Occurred()) {
             Py_CLEAR(list);
-        }
+        }  // deliberate: else the slot stays empty, as that of an unknown name
     }
     return list;
 }
@@ -334,31 +390,36 @@ PyObject* CDBDriver::ValueToObj(const XVariant* pValue) {
 // What the script gave, encoded before anything is sent or locked.
 struct CDBDriver::SEncoded {
     struct SItem {
-        std::string strBytes;  // empty: it cannot be encoded
-        bool bOverflow = false;
+        size_t nEnd;  // of its bytes; where the one before ends when it cannot be encoded
+        bool bOverflow;
     };
-    bool bList = false;
+    const bool bList;
+    std::string strBytes;  // of all items
     std::vector<SItem> items;
 
     void Add(PyObject* obj) {
         BYTE buf[kMaxWriteBytes];
         UINT nLen = 0;
-        SItem item;
-        if (ObjToBuf(obj, buf, nLen)) item.strBytes.assign(buf, buf + nLen);
-        item.bOverflow = PyErr_Occurred() && PyErr_ExceptionMatches(PyExc_OverflowError);
-        if (item.bOverflow) PyErr_Clear();
-        items.push_back(std::move(item));
+        ObjToBuf(obj, buf, nLen);
+        const bool bOverflow = PyErr_Occurred() && PyErr_ExceptionMatches(PyExc_OverflowError);
+        if (bOverflow) PyErr_Clear();
+        strBytes.append(buf, buf + nLen);
+        items.push_back({strBytes.size(), bOverflow});
     }
 
     // Encodes a single value, or up to nMax items of a list.
     SEncoded(PyObject* obj, Py_ssize_t nMax) : bList(PyList_Check(obj)) {
-        if (!bList) Add(obj);
+        if (!bList) {
+            Add(obj);
+            return;
+        }
+        items.reserve(static_cast<size_t>(std::min(nMax, PyList_GET_SIZE(obj))));
         // The size is asked anew each time: script code may run when an error is set.
-        for (Py_ssize_t i = 0; bList && i < nMax && i < PyList_GET_SIZE(obj); ++i) {
+        for (Py_ssize_t i = 0; i < nMax && i < PyList_GET_SIZE(obj); ++i) {
             if (PyErr_Occurred()) return;
             PyObject* value = PyList_GET_ITEM(obj, i);
             if (!value) {  // an empty slot of a list that a read gave
-                items.emplace_back();
+                items.push_back({strBytes.size(), false});
                 continue;
             }
             Py_INCREF(value);
@@ -368,14 +429,15 @@ struct CDBDriver::SEncoded {
     }
 };
 
-int CDBDriver::SetTagValue(LPCTSTR tags, PyObject* tagValues) {
+int CDBDriver::SetTagValue(const STagNames& names, PyObject* tagValues) {
     // Asked again with the session held still; now it saves encoding in vain.
     if (!(m_pDBCore->m_nRights & kRightWrite)) return kWriteForbidden;
-    const auto nNames = std::count(tags, tags + std::strlen(tags), ',') + 1;
+    const std::string_view text(names.szText);
+    const auto nNames = std::count(text.begin(), text.end(), ',') + 1;  // at most
     const SEncoded values(tagValues, static_cast<Py_ssize_t>(nNames));
     if (PyErr_Occurred()) return kWriteUnencodable;
     bool bOverflow = false;
-    const int nResult = WriteValues(tags, values, bOverflow);
+    const int nResult = WriteValues(names, values, bOverflow);
     if (bOverflow) {
         PyErr_SetString(PyExc_OverflowError, "Python int too large to convert to C long");
     }
@@ -384,29 +446,33 @@ int CDBDriver::SetTagValue(LPCTSTR tags, PyObject* tagValues) {
 
 // Request: 'g', number of values (2), then for each driver id (2), tag id (2) and the value with
 // its type code. There is no reply. bOverflow: an int outside 32 bits was among the encoded values.
-int CDBDriver::WriteValues(LPCTSTR tags, const SEncoded& values, bool& bOverflow) {
+int CDBDriver::WriteValues(const STagNames& names, const SEncoded& values, bool& bOverflow) {
     COperation operation(*m_pDBCore, m_pSession);
     if (!(m_pDBCore->m_nRights & kRightWrite)) return kWriteForbidden;
-    std::vector<STag*> reqTags;
-    if (!operation || !CheckTagId(tags, reqTags)) return kWriteFailed;
-    if (reqTags.empty()) return kWriteDone;
-    const bool bSingle = reqTags.size() == 1;
-    if (bSingle == values.bList || (bSingle && !reqTags[0])) return kWriteUnencodable;
-    if (values.items.size() < reqTags.size()) return kWriteUnencodable;
+    std::vector<STag*> resolved;
+    const std::vector<STag*>* pTags = operation ? Resolve(names, resolved) : nullptr;
+    if (!pTags) return kWriteFailed;
+    const std::vector<STag*>& tags = *pTags;
+    if (tags.empty()) return kWriteDone;
+    const bool bSingle = tags.size() == 1;
+    if (bSingle == values.bList || (bSingle && !tags[0])) return kWriteUnencodable;
+    if (values.items.size() < tags.size()) return kWriteUnencodable;
 
     BYTE request[kMaxWriteBytes];
     CByteWriter writer(request, sizeof request);
     writer.WriteU8(kReqWrite);
     writer.WriteU16(0);
     WORD nValues = 0;
-    for (size_t i = 0; i < reqTags.size(); ++i) {
-        if (!reqTags[i]) continue;  // consumes its value
-        const SEncoded::SItem& item = values.items[i];
-        if (item.strBytes.empty()) return kWriteUnencodable;
-        if (item.bOverflow) bOverflow = true;
+    size_t nEnd = 0;
+    for (size_t i = 0; i < tags.size(); ++i) {
+        const size_t nStart = nEnd;
+        nEnd = values.items[i].nEnd;
+        if (!tags[i]) continue;  // consumes its value
+        if (nEnd == nStart) return kWriteUnencodable;
+        if (values.items[i].bOverflow) bOverflow = true;
         writer.WriteU16(m_drvId);
-        writer.WriteU16(reqTags[i]->id);
-        writer.WriteBytes(item.strBytes.data(), item.strBytes.size());
+        writer.WriteU16(tags[i]->id);
+        writer.WriteBytes(values.strBytes.data() + nStart, nEnd - nStart);
         ++nValues;
     }
     writer.PatchU16(1, nValues);

@@ -4,8 +4,9 @@
 #include <Python.h>
 
 #include <atomic>
-#include <list>
 #include <map>
+#include <memory>
+#include <string_view>
 #include <vector>
 
 #include "VzDBAccess/DBSession.h"
@@ -15,7 +16,19 @@
 #include "nonwin/cstring.h"
 
 class CDBCore;
-class CByteWriter;
+
+// A comma-separated list of names of tags: GB2312 text, or the text that a script gave. Only points
+// at it.
+struct STagNames {
+    STagNames(LPCTSTR szGb2312) : szText(szGb2312) {}
+    static STagNames OfScript(LPCSTR szUtf8) { return STagNames(szUtf8, true); }
+
+    const char* szText;
+    bool bScript = false;  // in UTF-8; its lists are kept
+
+  private:
+    STagNames(LPCSTR sz, bool b) : szText(sz), bScript(b) {}
+};
 
 // The id of a name that did not resolve, and the result of a change that cannot be used.
 constexpr WORD kNoTagId = 0xFFFF;
@@ -38,6 +51,8 @@ constexpr size_t kMaxWriteBytes = 2048;
 //            interpreter lock; no interpreter object is made while a lock of the core is held.
 class CDBDriver {
   public:
+    class CKnownLists;
+
     // A tag's record. Its id is always its index.
     struct STag {
         XVariant value;  // last known value; guarded by the core's data lock
@@ -47,8 +62,8 @@ class CDBDriver {
     };
 
     // pDBCore and pSession outlive the driver's use; strDriver: GB2312.
-    CDBDriver(CDBCore* pDBCore, const CDBSession* pSession, WORD drvId, const CString& strDriver)
-        : m_drvId(drvId), m_strDriver(strDriver), m_pDBCore(pDBCore), m_pSession(pSession) {}
+    CDBDriver(CDBCore* pDBCore, const CDBSession* pSession, WORD drvId, const CString& strDriver);
+    ~CDBDriver();
     CDBDriver(const CDBDriver&) = delete;
     CDBDriver& operator=(const CDBDriver&) = delete;
 
@@ -71,7 +86,7 @@ class CDBDriver {
 
     // Subscribes the named tags that are not subscribed yet, at most 519 of them, and stores their
     // values. False when an exchange failed; what was stored before stays.
-    bool _ConnectTag(LPCTSTR tags);
+    bool _ConnectTag(const STagNames& names);
 
     // Resolves the names and reads those that are not subscribed, at most 1023 of them, from the
     // server. False when an exchange failed.
@@ -81,12 +96,12 @@ class CDBDriver {
     // none, None when the name is unknown. Several: a list in the order of CheckTagId, whose slots
     // of unknown names are empty. None when an exchange failed or there is no name. New reference;
     // null with an error set when memory ran out.
-    PyObject* GetTagValue(LPCTSTR tags);
+    PyObject* GetTagValue(const STagNames& names);
 
     // The script's write: one name takes a value, several take a list. Returns kWriteDone and the
     // failures above. A Python error may be set besides: OverflowError, when an int outside 32 bits
     // was encoded as -1.
-    int SetTagValue(LPCTSTR tags, PyObject* tagValues);
+    int SetTagValue(const STagNames& names, PyObject* tagValues);
 
     // A changed value came: nLen bytes at pBuf, without type code. Stores it and, when a callback
     // is set, fills call. Returns the bytes consumed, or kUnusableFrame, with the record
@@ -108,23 +123,30 @@ class CDBDriver {
     CString m_strDriver;
     std::vector<STag> m_tags;
     // Names that were asked. Deliberate: those that did not resolve too, so they are asked once.
-    std::map<CString, WORD> m_mapTagToId;
+    struct SByBytes {
+        using is_transparent = void;
+        bool operator()(std::string_view a, std::string_view b) const { return a < b; }
+    };
+    std::map<CString, WORD, SByBytes> m_mapTagToId;
     CDBCore* m_pDBCore;
 
   private:
+    struct SBatch;
+    struct SCopies;
     struct SEncoded;
     struct SReplyValues;
 
     STag* RecordOf(WORD nId) { return nId < m_tags.size() ? &m_tags[nId] : nullptr; }
-    void NameRecord(STag& tag, const CString& strName);
-    bool ReqBatchGetPoss(std::list<CString>& curTags, const char* szSend, size_t nLen,
-                         std::vector<STag*>& reqTags);
+    const std::vector<STag*>* Resolve(const STagNames& names, std::vector<STag*>& reqTags);
+    bool ReqBatchGetPoss(SBatch& batch, std::vector<STag*>& reqTags);
     bool ReadSubscribed(const std::vector<STag*>& asked);
+    bool Refresh(const std::vector<STag*>& reqTags);
     bool ReadAsked(const std::vector<STag*>& asked);
     bool TakeChunk(WORD nChunk, SReplyValues& values);
     bool StoreValues(const BYTE* pChunk, size_t nChunk, SReplyValues& values);
-    bool CopyValues(LPCTSTR tags, std::vector<XVariant>& values, std::vector<bool>& known);
-    int WriteValues(LPCTSTR tags, const SEncoded& values, bool& bOverflow);
+    bool CopyValues(const STagNames& names, SCopies& copies);
+    int WriteValues(const STagNames& names, const SEncoded& values, bool& bOverflow);
 
     const CDBSession* m_pSession;
+    std::unique_ptr<CKnownLists> m_pKnownLists;  // made for the first one
 };

@@ -70,15 +70,15 @@ void _DBSetRtAlarmNotify(CDBCore* pDB, PyObject* fn, int notifyExisting) {
 }
 
 PyObject* _DrvGetTagValue(const SDriverRef* pDrv, const char* szTag) {
-    return CDriverUse(pDrv)->GetTagValue(CUTF82T(szTag));
+    return CDriverUse(pDrv)->GetTagValue(STagNames::OfScript(szTag));
 }
 
 int _DrvSetTagValue(const SDriverRef* pDrv, const char* szTag, PyObject* objValues) {
-    return CDriverUse(pDrv)->SetTagValue(CUTF82T(szTag), objValues);
+    return CDriverUse(pDrv)->SetTagValue(STagNames::OfScript(szTag), objValues);
 }
 
 int _DrvConnectTag(const SDriverRef* pDrv, const char* szTag) {
-    return CDriverUse(pDrv)->_ConnectTag(CUTF82T(szTag)) ? 1 : 0;
+    return CDriverUse(pDrv)->_ConnectTag(STagNames::OfScript(szTag)) ? 1 : 0;
 }
 
 void _DrvSetTagNotify(const SDriverRef* pDrv, PyObject* fn) { CDriverUse(pDrv)->SetCBFunc(fn); }
