@@ -4,8 +4,8 @@
 
 #include <string>
 
+#include "CacheFile.h"
 #include "VzDefine.h"
-#include "XFile.h"
 
 namespace {
 
@@ -36,7 +36,7 @@ void AppendLine(std::string& strLine, std::vector<CString>& strList) {
 void InitStringList(const char* szStrListPath, std::vector<CString>& strList) {
     if (!strList.empty()) return;
     XFile file;
-    if (!file.OpenT(szStrListPath, O_RDONLY, false)) return;
+    if (!CCacheFile(szStrListPath).Open(file, O_RDONLY)) return;
     std::string strLine;
     char buf[kReadBytes];
     for (int nRead; (nRead = file.Read(buf, sizeof buf)) > 0;) {

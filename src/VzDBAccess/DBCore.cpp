@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "ByteCursor.h"
+#include "CacheFile.h"
 #include "DownFile.h"
 #include "VzDBAccess/DBDriver.h"
 #include "VzDBAccess/DrvInfo.h"
@@ -57,7 +58,7 @@ bool StartsWith(const CString& str, const char* szPrefix) {
 // Size in bytes of a file of the project folder, -1 when there is none.
 int64_t LocalSize(const CString& strPrjPath, LPCTSTR szFileName) {
     struct stat st;
-    return ::stat(FileSystemPath(strPrjPath + szFileName), &st) == 0 ? st.st_size : -1;
+    return CCacheFile(strPrjPath + szFileName).Stat(st) ? st.st_size : -1;
 }
 
 }  // namespace
@@ -294,7 +295,7 @@ EGetFile CDBCore::SyncPrjFile(LPCTSTR szFileName,
         return TransferFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, kUnknownToServer,
                             kUnknownToServer, nullptr, nullptr);
     }
-    ::remove(FileSystemPath(m_strPrjPath + szFileName));
+    CCacheFile(m_strPrjPath + szFileName).Remove();
     return EGetFile::kRemoved;
 }
 
