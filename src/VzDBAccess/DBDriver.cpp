@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -133,9 +134,10 @@ bool CDBDriver::ReqBatchGetPoss(std::list<CString>& curTags, const char* szSend,
     for (const CString& strName : curTags) {
         const WORD nId = reader.ReadU16();
         reader.Take(2);
-        m_mapTagToId[strName] = nId;
         STag* pTag = RecordOf(nId);
+        // First of all: a name that is in the map is never looked up again.
         if (pTag) NameRecord(*pTag, strName);
+        m_mapTagToId[strName] = nId;
         reqTags.push_back(pTag);
     }
     return true;
@@ -362,8 +364,9 @@ struct CDBDriver::SEncoded {
                 continue;
             }
             Py_INCREF(value);
+            const std::unique_ptr<PyObject, void (*)(PyObject*)> held(
+                value, [](PyObject* p) { Py_DECREF(p); });
             Add(value);
-            Py_DECREF(value);
         }
     }
 };
