@@ -259,6 +259,25 @@ def test_planted_alarm_lists_are_not_read(connect, script, plant, project, victi
     assert script("alarms[0][2], alarms[0][4]") == ("???", "???")
 
 
+def test_a_file_that_cannot_be_marked_is_not_written(connect, script, project, has_no_drivers):
+    for path in places(project)[:4]:
+        script("make(%r, %d)" % (path, NOBODY))
+    path = project + "/" + FILE
+    script("open(%r, 'w').write('roots')\nos.chmod(%r, 0o666)\nbecome(%d)" % (path, path, NOBODY))
+    assert connect() == 0
+    assert has_no_drivers()
+    assert script("open(%r).read()" % path) == "roots"
+
+
+def test_an_empty_alarm_list_without_a_time_is_asked_for_again(connect, script, sent, project):
+    assert connect() == 0
+    path = project + "/RecData/textlist"
+    script("open(%r, 'w').close()\nos.utime(%r, (0, 0))" % (path, path))
+    sent()
+    script("def note(*args):\n    pass\ndb.SetRtAlarmNotify(note, 0)")
+    assert sent("4")[0] == b"4RecData/textlist\r\nLastTime:0\r\nSize:0\r\nHello:Yes\r\n\r\n"
+
+
 # ---- disks --------------------------------------------------------------------------------------
 
 FILL = """

@@ -109,7 +109,7 @@ struct SStep {
     std::set<EFault> faults = {};   // these alone; empty: all
 };
 
-constexpr int kEntries = 17;  // the tests below
+constexpr int kEntries = 18;  // the tests below
 int g_nEntries = 0;
 int g_nPoints = 0;
 int g_nRuns = 0;
@@ -124,13 +124,15 @@ class Faulty : public ::testing::Test {
             "calls, alarms = [], []\n"
             "def note(*args): calls.append(args)\n"
             "def alarm(*args): alarms.append(args)\n"
-            "told = [('水', 'a', 8), ('水', '水', 'another text of some length'), ('水', 'b', "
+            "told = [('水', 'a', 8), ('水', '水', 'another text of some length'), ('水', "
+            "'the_flow_of_a_pump', "
             "3.5),\n"
             "        ('水', 'a', 99)]\n"
-            "def wrong():\n"
+            "def wrong(conversions_fail):\n"
             "    # A name that could not be converted is empty, that one time.\n"
             "    gaps = [c for c in calls if '' in c[:2] and c[2] in [t[2] for t in told]]\n"
-            "    return ([c for c in calls if c not in told and c not in gaps] + gaps[1:] +\n"
+            "    return ([c for c in calls if c not in told and c not in gaps] + "
+            "gaps[conversions_fail:] +\n"
             "            [a for a in alarms if a[2:6] != ('T1', 0, '水', 'high')])\n");
     }
     static void TearDownTestSuite() {
@@ -302,6 +304,28 @@ TEST_F(Faulty, ConnectThatCompletesTheFile) {
                                       kFileFaults});
 }
 
+TEST_F(Faulty, ConnectThatShortensTheFile) {
+    Torture("Connect, long cache",
+            {EWho::kCaller,
+             [&] {
+                 Connected();
+                 script.Drop();
+                 script.Make();
+                 std::ofstream(Cache() + "/水/RecData/drvinfo.dat", std::ios::binary)
+                     << CPlantServer::FirstHalf() + Z("mill") + U16(1) + U16(0) + Z("stale") +
+                            U16(2) + U16(0);
+             },
+             [&] {
+                 PyObject* result = script.Connect(Host());
+                 const std::string str = CheckedConnect(script, OutcomeOf(result), *s_pServer);
+                 return script.HasDriver("stale") ? "stale" : str;
+             },
+             "0",
+             {"-2", "MemoryError"},
+             true,
+             {EFault::kFtruncate, EFault::kFstat}});
+}
+
 TEST_F(Faulty, ConnectThatRemovesTheFile) {
     Torture("Connect, file gone", {EWho::kCaller,
                                    [&] {
@@ -329,12 +353,13 @@ TEST_F(Faulty, ConnectAgain) {
                                   return CheckedConnect(script, OutcomeOf(result), *s_pServer);
                               },
                               "0",
-                              {"-2", "MemoryError"}});
+                              {"-2", "MemoryError"},
+                              true});
 }
 
 // Changes of three types and an alarm come, and a last change again and again, until it is told of
 // or the session is over.
-std::string Told(CScript& script, CPlantServer& server) {
+std::string Told(CScript& script, CPlantServer& server, bool bConversionsFail) {
     server.Push(U16(0) + U16(0) + U32(8) + U16(0) + U16(2) + Z("another text of some length") +
                 U16(0) + U16(1) + Hex("00 00 00 00 00 00 0C 40"));
     server.Push(Hex("FF FF 01") + CPlantServer::Alarm());
@@ -347,7 +372,7 @@ std::string Told(CScript& script, CPlantServer& server) {
         if (Repr("('水', 'a', 99) in calls") == "True") strEnd = "told";
         return !strEnd.empty();
     });
-    const std::string strWrong = Repr("wrong()");
+    const std::string strWrong = Repr(bConversionsFail ? "wrong(True)" : "wrong(False)");
     return strWrong == "[]" ? strEnd : strEnd + " " + strWrong;
 }
 
@@ -374,44 +399,49 @@ TEST_F(Faulty, ReadOfOneTag) {
 
 TEST_F(Faulty, ReadOfManyTags) {
     // Names are cut where a conversion fails: fewer names, fewer values.
-    Torture("GetTagValue, many", {EWho::kCaller,
-                                  [&] { Connected(); },
-                                  [&] { return OutcomeOf(script.Read("a,none,b,水")); },
-                                  "[7, -, 2.5, '" + kText + "']",
-                                  {"None", "MemoryError"}});
+    Torture("GetTagValue, many",
+            {EWho::kCaller,
+             [&] { Connected(); },
+             [&] { return OutcomeOf(script.Read("a,none,the_flow_of_a_pump,水")); },
+             "[7, -, 2.5, '" + kText + "']",
+             {"None", "MemoryError"}});
 }
 
 TEST_F(Faulty, ReadAfterAFaultyReadIsRight) {
-    Torture("GetTagValue, twice",
-            {EWho::kCaller,
-             [&] { Connected(); },
-             [&] {
-                 const std::string str = OutcomeOf(script.Read("b,水"));
-                 return str == "[2.5, '" + kText + "']" ? OutcomeOf(script.Read("b,水")) : str;
-             },
-             "[2.5, '" + kText + "']",
-             {"None", "MemoryError"}});
+    Torture("GetTagValue, twice", {EWho::kCaller,
+                                   [&] { Connected(); },
+                                   [&] {
+                                       const std::string str =
+                                           OutcomeOf(script.Read("the_flow_of_a_pump,水"));
+                                       return str == "[2.5, '" + kText + "']"
+                                                  ? OutcomeOf(script.Read("the_flow_of_a_pump,水"))
+                                                  : str;
+                                   },
+                                   "[2.5, '" + kText + "']",
+                                   {"None", "MemoryError"}});
 }
 
 // After a fault without an answer lost the same call works, and all changes are told with their
 // names.
 TEST_F(Faulty, Subscription) {
-    Torture("ConnectTag", {EWho::kCaller,
-                           [&] {
-                               Connected();
-                               RunScript("calls.clear(); alarms.clear()");
-                           },
-                           [&] {
-                               script.Do("drv.SetTagNotify(note)");
-                               std::string str = OutcomeOf(script.Do("drv.ConnectTag('a,水,b')"));
-                               Disarm();
-                               // Also what a failed conversion has left out.
-                               if (str != "0")
-                                   str = OutcomeOf(script.Do("drv.ConnectTag('a,水,b')"));
-                               return str == "1" ? Told(script, *s_pServer) : str;
-                           },
-                           "told",
-                           {"0"}});
+    Torture("ConnectTag",
+            {EWho::kCaller,
+             [&] {
+                 Connected();
+                 RunScript("calls.clear(); alarms.clear()");
+             },
+             [&] {
+                 script.Do("drv.SetTagNotify(note)");
+                 std::string str =
+                     OutcomeOf(script.Do("drv.ConnectTag('a,水,the_flow_of_a_pump')"));
+                 Disarm();
+                 // Also what a failed conversion has left out.
+                 if (str != "0")
+                     str = OutcomeOf(script.Do("drv.ConnectTag('a,水,the_flow_of_a_pump')"));
+                 return str == "1" ? Told(script, *s_pServer, false) : str;
+             },
+             "told",
+             {"0"}});
 }
 
 TEST_F(Faulty, WriteOfOneValue) {
@@ -432,8 +462,8 @@ TEST_F(Faulty, WriteOfManyValues) {
              [&] { Connected(); },
              [&] {
                  CPyRef before(Eval("[sys.getrefcount(x) for x in values]"));
-                 const std::string str =
-                     OutcomeOf(script.Do("drv.SetTagValue('a,b,水,a', values[1:] + [3])"));
+                 const std::string str = OutcomeOf(
+                     script.Do("drv.SetTagValue('a,the_flow_of_a_pump,水,a', values[1:] + [3])"));
                  CPyRef after(Eval("[sys.getrefcount(x) for x in values]"));
                  return PyObject_RichCompareBool(before, after, Py_EQ) == 1
                             ? str
@@ -479,10 +509,13 @@ std::string Notified(CScript& script, const std::string& strHost, CPlantServer& 
     const std::string str = OutcomeOf(script.Connect(strHost));
     if (str != "0") return str;
     script.drv = script.Driver();
-    if (OutcomeOf(script.Read("a,b,水")) != "[7, 2.5, '" + kText + "']") return "cannot be read";
-    script.Do("(drv.SetTagNotify(note), db.SetRtAlarmNotify(alarm, 0), drv.ConnectTag('a,b,水'))");
+    if (OutcomeOf(script.Read("a,the_flow_of_a_pump,水")) != "[7, 2.5, '" + kText + "']")
+        return "cannot be read";
+    script.Do(
+        "(drv.SetTagNotify(note), db.SetRtAlarmNotify(alarm, 0), "
+        "drv.ConnectTag('a,the_flow_of_a_pump,水'))");
     PyErr_Clear();  // the session may have ended already
-    return Told(script, server);
+    return Told(script, server, true);
 }
 
 TEST_F(Faulty, Notifications) {

@@ -16,8 +16,8 @@
 
 #include "WireBytes.h"
 
-// Project and driver "\xCB\xAE" (id 0) with the tags "a" (i32 7), "b" (f64 2.5) and "\xCB\xAE"
-// (text "deep"), and a second driver "mill" (id 1) without any.
+// Project and driver "\xCB\xAE" (id 0) with the tags "a" (i32 7), "the_flow_of_a_pump" (f64
+// 2.5) and "\xCB\xAE" (a text), and a second driver "mill" (id 1) without any.
 //
 // Ownership: owns its sockets and its thread. Threads: thread-safe. Python: none.
 class CPlantServer {
@@ -204,10 +204,10 @@ class CPlantServer {
     static std::string Lookup(const std::string& str) {
         std::string strReply = "L";
         for (const std::string& strName : NamesOf(str)) {
-            const unsigned nId = strName == "a"          ? 0
-                                 : strName == "b"        ? 1
-                                 : strName == "\xCB\xAE" ? 2
-                                                         : 0xFFFF;
+            const unsigned nId = strName == "a"                    ? 0
+                                 : strName == "the_flow_of_a_pump" ? 1
+                                 : strName == "\xCB\xAE"           ? 2
+                                                                   : 0xFFFF;
             strReply += U16(nId) + U16(0);
         }
         return strReply;
