@@ -34,7 +34,7 @@ class Operations(abc.ABC):
         """
         return [tuple(entry) for entry in self._call("requests", clear=clear, codes=codes)]
 
-    def wait_requests(self, count: int, timeout: float = 5.0,
+    def wait_requests(self, count: int, timeout: float = 20.0,
                       codes: Optional[str] = None) -> List[Request]:
         """Wait until at least ``count`` entries are there; TimeoutError after ``timeout`` s."""
         return [tuple(entry) for entry in self._call(
@@ -44,7 +44,7 @@ class Operations(abc.ABC):
         """Sessions with an open notification channel; with a channel, its open connections."""
         return self._call("client_count", channel=channel)
 
-    def wait_clients(self, count: int, timeout: float = 5.0,
+    def wait_clients(self, count: int, timeout: float = 20.0,
                      channel: Optional[str] = None) -> None:
         """Wait until ``client_count`` is exactly ``count``; TimeoutError after ``timeout`` s."""
         self._call("wait_clients", count=count, timeout=timeout, channel=channel)

@@ -106,7 +106,7 @@ def raised(script):
 def push(script, plant):
     """Pushes bytes in one send and waits until the script's receive thread has dealt with them."""
     def call(data):
-        thread, = tasks.others(script.pid)
+        thread = tasks.other(script.pid)
         tasks.wait_asleep(script.pid, thread)
         before = tasks.sleeps(script.pid, thread)
         plant.push_raw(data)

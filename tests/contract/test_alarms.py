@@ -630,7 +630,7 @@ def test_another_header_is_a_failure(session, plant, subscribe, push, lists_aske
 def test_a_header_in_pieces_is_a_failure(
         session, plant, subscribe, reconnect, lists_asked, push, told_levels, sizes):
     plant.raise_alarm(level=1)
-    plant.fault("n", "split", sizes=sizes, pause=0.2)
+    plant.fault("n", "split", sizes=sizes, pause=1.0)
     subscribe(1)
     assert session("calls") == []
     assert lists_asked() == []

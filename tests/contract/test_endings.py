@@ -271,7 +271,7 @@ def parked(session, plant):
     class Parked:
         @staticmethod
         def start(code):
-            thread, = tasks.others(session.pid)
+            thread = tasks.other(session.pid)
             plant.fault("H", "silent")
             session.start("drv.GetTagValue('b')\n" + code)
             plant.wait_requests(1, codes="H")
@@ -332,7 +332,7 @@ def test_a_parked_thread_makes_its_call_when_the_lock_is_free(session, parked):
 def test_a_script_ends_while_the_thread_is_parked(session, parked):
     parked.start("None")
     parked.go()
-    assert session.end() == 0
+    assert session.end(timeout=HANG) == 0
     assert session.stderr == b""
 
 
@@ -436,12 +436,17 @@ def ended_well(done):
 
 
 def test_a_script_that_just_ends_ends_well(plant, host):
-    ended_well(run(BEGIN % host, timeout=HANG))
+    ended_well(run(BEGIN % host))
     plant.wait_clients(0)
 
 
 def test_a_script_that_just_ends_with_a_subscription_ends_well(plant, host):
-    ended_well(run(BEGIN % host + SUBSCRIBE, timeout=HANG))
+    ended_well(run(BEGIN % host + SUBSCRIBE))
+
+
+def test_a_script_that_ends_with_a_subscription_does_not_wait(session):
+    session(COUNT_CALLS)
+    assert session.end(timeout=HANG) == 0
 
 
 def test_a_script_ends_well_while_changes_pour_in(plant, host):
@@ -455,20 +460,19 @@ def test_a_script_ends_well_while_changes_pour_in(plant, host):
     pouring.start()
     try:
         for _ in range(10):
-            ended_well(run(BEGIN % host + SUBSCRIBE + "while drv.GetTagValue('a') < 50: pass\n",
-                           timeout=HANG))
+            ended_well(run(BEGIN % host + SUBSCRIBE + "while drv.GetTagValue('a') < 50: pass\n"))
     finally:
         stop.set()
         pouring.join()
 
 
 def test_a_script_that_exits_with_a_code_keeps_it(plant, host):
-    done = run(BEGIN % host + SUBSCRIBE + "sys.exit(3)", timeout=HANG)
+    done = run(BEGIN % host + SUBSCRIBE + "sys.exit(3)")
     assert (done.returncode, done.stderr) == (3, "")
 
 
 def test_a_script_that_dies_of_an_exception_says_that_alone(plant, host):
-    done = run(BEGIN % host + SUBSCRIBE + "raise KeyError('own')", timeout=HANG)
+    done = run(BEGIN % host + SUBSCRIBE + "raise KeyError('own')")
     assert done.returncode == 1
     assert done.stderr.endswith("KeyError: 'own'\n")
     assert "VzDBAccess" not in done.stderr
@@ -476,7 +480,7 @@ def test_a_script_that_dies_of_an_exception_says_that_alone(plant, host):
 
 def test_a_script_may_keep_its_core_in_a_cycle(plant, host):
     ended_well(run(BEGIN % host + SUBSCRIBE +
-                   "class Keeper: pass\nk = Keeper()\nk.me, k.db = k, db\ndel db, k", timeout=HANG))
+                   "class Keeper: pass\nk = Keeper()\nk.me, k.db = k, db\ndel db, k"))
 
 
 def test_after_the_exit_hook_connect_fails(plant, host):
@@ -486,7 +490,7 @@ def test_after_the_exit_hook_connect_fails(plant, host):
             "    print(db.Connect(%r, 'operator', 'password'))\n"
             "    print(VzDBAccess.DBCore().Connect(%r, 'operator', 'password'))\n"
             "atexit.register(last)\n" % (host, host))
-    assert ended_well(run(code + BEGIN % host, timeout=HANG)).split() == ["-2", "-2"]
+    assert ended_well(run(code + BEGIN % host)).split() == ["-2", "-2"]
     assert len(plant.requests(codes="7")) == 1
 
 
@@ -498,12 +502,12 @@ def test_after_the_exit_hook_drivers_raise(plant, host):
             "        try: print(call())\n"
             "        except RuntimeError: print('raised')\n"
             "atexit.register(last)\n")
-    assert ended_well(run(code + BEGIN % host, timeout=HANG)).split() == ["raised"] * 4
+    assert ended_well(run(code + BEGIN % host)).split() == ["raised"] * 4
 
 
 def test_hooks_that_come_later_still_have_their_session(plant, host):
     code = BEGIN % host + "atexit.register(lambda: print(drv.GetTagValue('a')))"
-    assert ended_well(run(code, timeout=HANG)) == "1\n"
+    assert ended_well(run(code)) == "1\n"
 
 
 # ---- fork ---------------------------------------------------------------------------------------
@@ -533,7 +537,7 @@ STILL_WORKS = ("assert drv.GetTagValue('a') == 1\n"
 @pytest.mark.parametrize("call", CALLS)
 def test_a_driver_of_a_forked_child_raises(plant, host, call):
     code = FORK % host + "assert forked(lambda: raises(lambda: drv.%s)) == 0\n" % call
-    assert ended_well(run(code + STILL_WORKS, timeout=HANG)) == "works\n"
+    assert ended_well(run(code + STILL_WORKS)) == "works\n"
 
 
 def test_a_forked_child_has_no_drivers(plant, host):
@@ -542,7 +546,7 @@ def test_a_forked_child_has_no_drivers(plant, host):
                           "    except SystemError: return\n"
                           "    raise AssertionError('no error')\n"
                           "assert forked(body) == 0\n")
-    assert ended_well(run(code + STILL_WORKS, timeout=HANG)) == "works\n"
+    assert ended_well(run(code + STILL_WORKS)) == "works\n"
 
 
 def test_a_forked_child_holds_no_connection(plant, host):
@@ -556,7 +560,7 @@ def test_a_forked_child_holds_no_connection(plant, host):
                           "def body(): assert sockets() == 0\n"
                           "assert sockets() == 3\n"
                           "assert forked(body) == 0\n")
-    assert ended_well(run(code + STILL_WORKS, timeout=HANG)) == "works\n"
+    assert ended_well(run(code + STILL_WORKS)) == "works\n"
 
 
 def test_dropping_the_core_in_a_forked_child_leaves_the_parents_session(plant, host):
@@ -564,13 +568,13 @@ def test_dropping_the_core_in_a_forked_child_leaves_the_parents_session(plant, h
                           "    global db\n"
                           "    del db\n"
                           "assert forked(body) == 0\n")
-    assert ended_well(run(code + STILL_WORKS, timeout=HANG)) == "works\n"
+    assert ended_well(run(code + STILL_WORKS)) == "works\n"
 
 
 def test_the_exit_of_a_forked_child_leaves_the_parents_session(plant, host):
     code = FORK % host + ("if os.fork() == 0: sys.exit(0)\n"
                           "assert os.wait()[1] == 0\n")
-    assert ended_well(run(code + STILL_WORKS, timeout=HANG)) == "works\n"
+    assert ended_well(run(code + STILL_WORKS)) == "works\n"
 
 
 def test_a_forked_child_connects_on_its_own(plant, host):
@@ -578,7 +582,7 @@ def test_a_forked_child_connects_on_its_own(plant, host):
                           "    assert db.Connect(%r, 'operator', 'password') == 0\n"
                           "    assert db.GetDriver('line1').GetTagValue('b') == 2\n"
                           "assert forked(body) == 0\n" % host)
-    assert ended_well(run(code + STILL_WORKS, timeout=HANG)) == "works\n"
+    assert ended_well(run(code + STILL_WORKS)) == "works\n"
 
 
 def test_changes_reach_the_parent_after_a_fork(session, plant):
@@ -651,7 +655,7 @@ def test_signals_never_end_a_session(session, plant):
 
 
 def test_the_receive_thread_takes_no_signals(session):
-    thread, = tasks.others(session.pid)
+    thread = tasks.other(session.pid)
     with open("/proc/%d/task/%d/status" % (session.pid, thread)) as stream:
         blocked = next(int(line.split()[1], 16) for line in stream if line.startswith("SigBlk"))
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGUSR1, signal.SIGALRM, signal.SIGCHLD):

@@ -219,7 +219,7 @@ def test_another_code_is_a_failure(value, reply, data):
 
 @pytest.mark.parametrize("sizes", [[1, 100], [2, 100], [3, 100]])
 def test_the_header_of_a_chunk_must_come_in_one_receive(value, plant, sizes):
-    plant.fault("H", "split", sizes=sizes, pause=0.2)
+    plant.fault("H", "split", sizes=sizes, pause=1.0)
     assert value("a") is None
 
 

@@ -243,7 +243,7 @@ def test_another_code_is_a_failure(subscribe, reply, data):
 
 
 def test_the_length_of_a_chunk_must_come_in_one_receive(subscribe, plant):
-    plant.fault("b", "split", sizes=[2, 100], pause=0.2)
+    plant.fault("b", "split", sizes=[2, 100], pause=1.0)
     assert subscribe("a") == 0
 
 

@@ -4,6 +4,7 @@ import signal
 
 import pytest
 
+import tasks
 from script import ScriptError, run
 
 ROUNDS = 40
@@ -127,7 +128,7 @@ def test_no_callback_starts_after_the_core_is_gone(fire):
          "    del db\n"
          "    calls = 0\n"
          "    time.sleep(0.01)\n"
-         "    assert calls == 0, calls" % ROUNDS, timeout=120)
+         "    assert calls <= 1, calls  # the one under way may go on" % ROUNDS, timeout=120)
 
 
 def test_connect_inside_a_callback(fire):
@@ -233,7 +234,7 @@ def test_a_callback_that_raises_is_reported_and_the_stream_goes_on(fire):
          "db, drv = under_fire(fail)\n"
          "wait(lambda: calls > 3000)\n"
          "del db\n"
-         "assert len(reported) == calls, (len(reported), calls)\n"
+         "wait(lambda: len(reported) == calls)  # the call that was under way goes on\n"
          "assert {k for k, _ in reported} == {ValueError, SystemExit, KeyboardInterrupt}\n"
          "sys.unraisablehook = sys.__unraisablehook__")
 
@@ -304,6 +305,7 @@ def test_a_script_that_is_interrupted_while_it_waits_goes_on(fire, plant):
         plant.fault("H", "silent")
         fire.start("drv.GetTagValue('b')")
         plant.wait_requests(1, codes="H")
+        tasks.wait_asleep(fire.pid, fire.pid)  # a signal between request and wait ends nothing
         fire.process.send_signal(signal.SIGINT)
         with pytest.raises(ScriptError) as raised:
             fire.result(timeout=6)

@@ -108,22 +108,23 @@ class Script:
     def pid(self):
         return self.process.pid
 
-    def wait_until(self, condition, timeout=10):
+    def wait_until(self, condition, timeout=30):
         """Wait until a condition holds there."""
         self("deadline = time.time() + %r\n"
              "while not (%s):\n"
              "    assert time.time() < deadline, 'not in time: ' + %r\n"
              "    time.sleep(0.002)" % (timeout * TIME_SCALE, condition, condition))
 
-    def end(self):
+    def end(self, timeout=None):
         """Let the script end; returns its exit code. Standard error is in ``stderr``."""
         if self.process.returncode is None:
-            self._collect()
+            self._collect(timeout)
         return self.process.returncode
 
-    def _collect(self):
+    def _collect(self, timeout=None):
+        wait = timeout * TIME_SCALE if timeout else self.timeout
         try:
-            _, self.stderr = self.process.communicate(timeout=self.timeout)
+            _, self.stderr = self.process.communicate(timeout=wait)
         except subprocess.TimeoutExpired:
             self.process.send_signal(signal.SIGABRT)
             _, self.stderr = self.process.communicate()

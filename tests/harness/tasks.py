@@ -11,6 +11,15 @@ def others(pid):
     return sorted(int(tid) for tid in os.listdir("/proc/%d/task" % pid) if int(tid) != pid)
 
 
+def other(pid, timeout=30):
+    """The one thread of a process besides the first; one of an ended session may have to go."""
+    deadline = time.monotonic() + timeout * TIME_SCALE
+    while len(others(pid)) != 1:
+        assert time.monotonic() < deadline, "not one more thread: %s" % others(pid)
+        time.sleep(0.001)
+    return others(pid)[0]
+
+
 def sleeps(pid, tid):
     """How often the thread has gone to sleep of its own accord."""
     with open("/proc/%d/task/%d/status" % (pid, tid)) as stream:
@@ -24,7 +33,7 @@ def asleep(pid, tid):
         return stream.read().rpartition(")")[2].split()[0] == "S"
 
 
-def wait_asleep(pid, tid, count=0, timeout=10):
+def wait_asleep(pid, tid, count=0, timeout=30):
     """Wait until the thread sleeps and has gone to sleep ``count`` times at least."""
     deadline = time.monotonic() + timeout * TIME_SCALE
     while sleeps(pid, tid) < count or not asleep(pid, tid):

@@ -29,7 +29,7 @@ def start(*arguments, **options):
 
 def outcome(*arguments):
     process = start(*arguments)
-    out, err = process.communicate(timeout=20)
+    out, err = process.communicate(timeout=30)
     return process.returncode, out.decode(), err.decode()
 
 
@@ -43,7 +43,7 @@ def gone(pid):
 
 
 def wait_gone(pid):
-    deadline = time.monotonic() + 10
+    deadline = time.monotonic() + 30
     while not gone(pid):
         assert time.monotonic() < deadline, "the simulator is still there"
         time.sleep(0.01)
@@ -66,7 +66,7 @@ def test_the_command_says_one_line_serves_and_ends_cleanly(number):
     with Client(int(found.group(1))) as client:
         assert client.log_in(b"operator", b"password")[:1] == b"9"
     process.send_signal(number)
-    out, err = process.communicate(timeout=10)
+    out, err = process.communicate(timeout=30)
     assert (process.returncode, out, err) == (0, b"", b"")
 
 
@@ -78,7 +78,7 @@ def test_an_end_of_standard_input_does_not_end_an_uncontrolled_simulator():
     with pytest.raises(subprocess.TimeoutExpired):
         process.wait(timeout=0.3)
     process.terminate()
-    process.communicate(timeout=10)
+    process.communicate(timeout=30)
 
 
 def test_a_bad_plant_file_is_one_line_and_exit_2(tmp_path):
@@ -221,7 +221,7 @@ def test_a_client_that_blocks_its_interpreter_is_served(process):
     libc = ctypes.PyDLL(None)  # does not release the lock around a call
     with connect(process.port) as sock:
         sock.setblocking(True)
-        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVTIMEO, struct.pack("ll", 5, 0))
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVTIMEO, struct.pack("ll", 30, 0))
         reply = ctypes.create_string_buffer(8)
         assert libc.send(sock.fileno(), b"3", 1, 0) == 1
         assert libc.recv(sock.fileno(), reply, 8, 0) == 1
@@ -250,7 +250,7 @@ def test_the_simulator_ends_with_the_process_that_started_it(ending):
             "print(sim.pid, flush=True); " + ending)
     parent = subprocess.Popen([sys.executable, "-c", code], stdout=subprocess.PIPE,
                               env=dict(os.environ, PYTHONPATH=PYTHON))
-    out, _ = parent.communicate(timeout=20)
+    out, _ = parent.communicate(timeout=30)
     wait_gone(int(out))
 
 
@@ -302,7 +302,7 @@ def test_a_line_that_is_no_order_is_answered_with_its_error():
     assert answers[0]["error"] == "ValueError" and answers[0]["id"] is None
     assert (answers[1]["error"], answers[1]["id"]) == ("ValueError", 2)
     assert answers[2] == {"id": 3, "result": 0}
-    out, err = process.communicate(timeout=10)  # closes its input
+    out, err = process.communicate(timeout=30)  # closes its input
     assert (process.returncode, out, err) == (0, b"", b"")
 
 

@@ -4,7 +4,7 @@ import os
 import socket
 import struct
 
-WAIT = 5.0  # seconds until a test gives up
+WAIT = 30.0  # seconds until a test gives up
 
 
 def scramble(plain):

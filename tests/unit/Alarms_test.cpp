@@ -248,10 +248,11 @@ TEST_F(AlarmSubscription, RecordsMayComeInPieces) {
 TEST_F(AlarmSubscription, HeaderInTwoReceivesIsMinus2) {
     server.Expect(0, "n");
     server.Send(0, Hex("6E 00"));
-    server.Pause(100);
+    server.UntilTaken(0, core->m_reqSock);
     server.Send(0, Hex("00"));
     EXPECT_EQ(Subscribe(true), -2);
     EXPECT_EQ(core->m_rtAlarmNotifyFn.load(), nullptr);
+    EXPECT_TRUE(server.Done());  // the session ends only then
 }
 
 TEST_F(AlarmSubscription, OtherCodeIsMinus2) {
@@ -333,8 +334,10 @@ TEST_F(AlarmSubscription, FilledListIsNotAskedFor) {
 
 TEST_F(AlarmSubscription, AlarmsBeforeItAreSteppedOver) {
     server.Send(1, Hex("FF FF 01") + SAlarm().Bytes());
+    server.UntilTaken(1, core->m_rcvSock);
+    server.Send(1, Hex("FF FF FF"));  // received only when the alarm has been dealt with
+    server.UntilTaken(1, core->m_rcvSock);
     ASSERT_TRUE(server.Done());
-    usleep(50000);
     OnRequest("n", Hex("6E 00 00"));
     OrderLists();
     EXPECT_EQ(Subscribe(true), 0);

@@ -206,6 +206,8 @@ TEST_F(Connecting, EveryShorterLoginReplyConnectsWithoutRights) {
     for (size_t n = 1; n < strReply.size(); ++n) {
         plant.strLoginReply = strReply.substr(0, n);
         CScriptedServer other;
+        const std::string strCache = "/tmp/vzbrowser/127.0.0.1_" + std::to_string(other.Port());
+        RemoveTree(strCache);  // of a run that was broken off and had this port
         core->m_nRights = 7;
         other.Accept();
         other.Take(0, &strHello);
@@ -220,7 +222,7 @@ TEST_F(Connecting, EveryShorterLoginReplyConnectsWithoutRights) {
         EXPECT_EQ(core->_Connect(other.Host().c_str(), "u", "p"), kConnected) << n;
         EXPECT_EQ(core->m_nRights, 0u) << n;
         core->_Disconnect();
-        RemoveTree("/tmp/vzbrowser/127.0.0.1_" + std::to_string(other.Port()));
+        RemoveTree(strCache);
     }
 }
 

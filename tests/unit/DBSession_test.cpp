@@ -150,7 +150,7 @@ TEST(Session, ParkAndEndNeverMissEachOther) {
                 ++nParkedSeen;
             } else {
                 // Bounded: a thread that is not parked never waits for the lock we hold.
-                for (int n = 0; !bGone && n < 5000; ++n) usleep(1000);
+                for (int n = 0; !bGone && n < 20000; ++n) usleep(1000);
                 EXPECT_TRUE(bGone);
                 ++nGoneSeen;
             }

@@ -281,6 +281,7 @@ TEST_F(DownFileOverTcp, SilentServerFailsAfterTheTimeOut) {
     ASSERT_TRUE(m_sock.SetTimeOut(50));
     EXPECT_EQ(Transfer(), EGetFile::kFailed);
     m_server.Say("Size:A\r\n\r\n0123");
+    while (!BytesWaiting(m_sock)) std::this_thread::yield();
     EXPECT_EQ(Transfer(), EGetFile::kFailed);
     EXPECT_EQ(m_folder.Get("f.dat"), "0123");
 }

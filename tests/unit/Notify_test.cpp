@@ -406,7 +406,7 @@ TEST_F(Chunks, BytesOfAnEarlierChunkAreNoFramesRest) {
     Push(Change0(0x01020304));
     EXPECT_EQ(Told(1), "[16909060]");
     Push(Change0(5).substr(0, 6));
-    Unlocked([] { usleep(50000); });
+    server.UntilTaken(nNotify, core->m_rcvSock);
     Push(Change0(7));
     EXPECT_EQ(Told(2), "[16909060, 7]");
 }

@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -19,7 +18,7 @@
 
 #include "WireBytes.h"
 
-// Orders are carried out one after the other by a thread of the server's own, each within five
+// Orders are carried out one after the other by a thread of the server's own, each within thirty
 // seconds. Connections are numbered as they come. An order that fails is a failure of the test; the
 // orders after it are dropped and all connections closed, so that no client waits for them.
 //
@@ -99,18 +98,26 @@ class CScriptedServer {
             return true;
         });
     }
+    // Waits until the peer has received all that was sent to it. hPeer: its end of the connection.
+    void UntilTaken(size_t nConn, int hPeer) {
+        Order("until taken", [=] {
+            for (int i = 0; i < kPatienceMs; ++i) {
+                int nOnTheWay = 1;
+                int nWaiting = 1;
+                ioctl(Conn(nConn), TIOCOUTQ, &nOnTheWay);
+                if (nOnTheWay == 0) ioctl(hPeer, FIONREAD, &nWaiting);
+                if (nWaiting == 0) return true;
+                ::usleep(1000);
+            }
+            return false;
+        });
+    }
     // Sends of one byte each, which the peer may well receive one by one.
     void Drip(size_t nConn, const std::string& strBytes) {
         for (const char c : strBytes) {
             Send(nConn, std::string(1, c));
-            Pause(2);
+            Order("pause", [] { return ::usleep(2000) == 0; });
         }
-    }
-    void Pause(int nMs) {
-        Order("pause", [=] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(nMs));
-            return true;
-        });
     }
     void Close(size_t nConn) {
         Order("close", [=] {
@@ -161,7 +168,7 @@ class CScriptedServer {
 
   private:
     using FOrder = std::function<bool()>;
-    static constexpr int kPatienceMs = 5000;
+    static constexpr int kPatienceMs = 30000;
 
     static sockaddr* Raw(sockaddr_in& addr) {
         return static_cast<sockaddr*>(static_cast<void*>(&addr));

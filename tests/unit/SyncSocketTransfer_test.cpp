@@ -456,7 +456,7 @@ TEST(SyncSocketDatagram, GoesToANamedHostAndToAReadyAddress) {
     CSyncSocket to, from;
     ASSERT_TRUE(to.Create(0, SOCK_DGRAM, "127.0.0.1", FALSE));
     ASSERT_TRUE(from.Create(0, SOCK_DGRAM, "127.0.0.1", FALSE));
-    ASSERT_TRUE(to.SetRecvTimeOut(5000));
+    ASSERT_TRUE(to.SetRecvTimeOut(30000));
     SOCKADDR_IN toAddr{}, fromAddr{};
     ASSERT_TRUE(to.GetSockName(&toAddr));
     ASSERT_TRUE(from.GetSockName(&fromAddr));

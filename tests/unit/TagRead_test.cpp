@@ -250,17 +250,19 @@ TEST_F(TagRead, ChunkOf4097BytesFails) {
 TEST_F(TagRead, BodyInPiecesIsPutTogether) {
     server.Expect(0, ReadRequest(1));
     server.Send(0, Chunk(Int(42)).substr(0, 4));
-    server.Pause(20);
+    server.UntilTaken(0, core->m_reqSock);
     server.Drip(0, Int(42));
     EXPECT_EQ(Read("T0"), "42");
+    EXPECT_TRUE(server.Done());  // the session ends only then
 }
 
 TEST_F(TagRead, HeaderInPiecesFails) {
     server.Expect(0, ReadRequest(1));
     server.Send(0, Chunk(Int(42)).substr(0, 2));
-    server.Pause(100);
+    server.UntilTaken(0, core->m_reqSock);
     server.Send(0, Chunk(Int(42)).substr(2));
     EXPECT_EQ(Read("T0"), "None");
+    EXPECT_TRUE(server.Done());  // the session ends only then
 }
 
 TEST_F(TagRead, OtherCodeFails) { EXPECT_TRUE(ReadFails(1, "h" + Chunk(Int(1)).substr(1))); }

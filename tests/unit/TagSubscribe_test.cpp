@@ -90,21 +90,23 @@ TEST_F(TagSubscribe, ChunkAfterTheLastValueStaysUnread) {
 TEST_F(TagSubscribe, CodeAndLengthMayComeInTwoReceives) {
     server.Expect(0, Request(1));
     server.Send(0, "b");
-    server.Pause(30);
+    server.UntilTaken(0, core->m_reqSock);
     server.Send(0, U16(6));
-    server.Pause(30);
+    server.UntilTaken(0, core->m_reqSock);
     server.Drip(0, Int(42));
     EXPECT_TRUE(drv->_ConnectTag("T0"));
     EXPECT_EQ(Value(0), "42");
+    EXPECT_TRUE(server.Done());  // the session ends only then
 }
 
 TEST_F(TagSubscribe, LengthInTwoReceivesFails) {
     server.Expect(0, Request(1));
     server.Send(0, "b" + U8(6));
-    server.Pause(100);
+    server.UntilTaken(0, core->m_reqSock);
     server.Send(0, U8(0) + Int(42));
     EXPECT_FALSE(drv->_ConnectTag("T0"));
     EXPECT_EQ(Subscribed(), "----");
+    EXPECT_TRUE(server.Done());  // the session ends only then
 }
 
 TEST_F(TagSubscribe, OtherCodeFails) {

@@ -259,10 +259,10 @@ TEST_F(TagWrite, ToAServerThatIsGoneIsMinus2InTheEnd) {
     server.Close(0);
     ASSERT_TRUE(server.Done());
     int nResult = 0;
-    for (int i = 0; i < 100 && nResult == 0; ++i) {
+    EXPECT_TRUE(WaitFor([&] {
         nResult = Write("T0", "5");
-        usleep(1000);
-    }
+        return nResult != 0;
+    }));
     EXPECT_EQ(nResult, -2);
 }
 
