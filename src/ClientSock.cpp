@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <strings.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <ctime>
 
 #include "ByteCursor.h"
+#include "CacheFile.h"
 #include "mtool3.h"
 
 namespace {
@@ -23,7 +23,6 @@ constexpr size_t kMinNotifyReply = 60;    // unscrambled: code, login record, en
 constexpr size_t kMinRedirectReply = 10;  // code, "lan", address, port
 constexpr size_t kPathsReplyBytes = 2048;
 constexpr long kForeverMs = 0x7fffffff;  // the notification socket waits practically forever
-constexpr mode_t kOwnerOnly = 0700;
 
 constexpr char kCacheRoot[] = "/tmp/vzbrowser/";
 // "The project path could not be obtained", GB2312.
@@ -88,9 +87,14 @@ bool IsFolderName(const CString& strPrjName, CString& strUtf8) {
     return strBack == strPrjName;  // a name that is no GB2312 text comes back shorter
 }
 
-void MakeFolder(const CString& strPath, bool bForceMode) {
-    ::mkdir(strPath, kOwnerOnly);
-    if (bForceMode) ::chmod(strPath, kOwnerOnly);
+// False, with strErr saying so, when another ordinary user owns the folder or one on the way to it.
+bool MakeFolder(const CString& strPath, bool bForceMode, CString& strErr) {
+    const CCacheFolder folder(strPath, true);
+    if (bForceMode) folder.ForceOwnerOnly();
+    if (folder.Refusal().empty()) return true;
+    strErr = CString(folder.Refusal());
+    std::fprintf(stderr, "%s\n", strErr.c_str());
+    return false;
 }
 
 }  // namespace
@@ -269,8 +273,9 @@ bool CClientSock::AfterConnect(LPCTSTR szHost, const CString& strPrjName, CStrin
 }
 
 // Folders are made under the project's UTF-8 name; m_strPrjPath keeps the GB2312 name, which the
-// file functions turn into UTF-8 again. The results of mkdir and chmod are deliberately ignored: an
-// existing folder is the normal case, and one that cannot be made shows when a file is written.
+// file functions turn into UTF-8 again. That a folder cannot be made is deliberately ignored: it
+// shows when a file is written. Only one that another ordinary user owns is a failure, which a line
+// on standard error tells too: what lies in it would be that user's choice.
 bool CClientSock::PrepareCache(LPCTSTR szHost, const CString& strPrjName, CString& strErr) {
     struct SFolder {
         const char* szName;
@@ -287,22 +292,23 @@ bool CClientSock::PrepareCache(LPCTSTR szHost, const CString& strPrjName, CStrin
         strErr = CString(kBadProjectName);
         return false;
     }
-    m_strPrjPath = CString(kCacheRoot);
-    MakeFolder(m_strPrjPath, false);
-    m_strPrjPath += FolderOfHost(szHost);
-    MakeFolder(m_strPrjPath, true);
-    m_strPrjPath += '/';
-    CString strPathUtf8 = m_strPrjPath;
+    CString strPath = CString(kCacheRoot);
+    if (!MakeFolder(strPath, false, strErr)) return false;
+    strPath += FolderOfHost(szHost);
+    if (!MakeFolder(strPath, true, strErr)) return false;
+    strPath += '/';
+    CString strPathUtf8 = strPath;
     strPathUtf8 += strPrjNameUtf8;
-    MakeFolder(strPathUtf8, true);
+    if (!MakeFolder(strPathUtf8, true, strErr)) return false;
     strPathUtf8 += '/';
-    m_strPrjPath += strPrjName;
-    m_strPrjPath += '/';
     for (const SFolder& folder : kFolders) {
         CString strDir = strPathUtf8;
         strDir += folder.szName;
-        MakeFolder(strDir, folder.bForceMode);
+        if (!MakeFolder(strDir, folder.bForceMode, strErr)) return false;
     }
+    m_strPrjPath = strPath;
+    m_strPrjPath += strPrjName;
+    m_strPrjPath += '/';
     return true;
 }
 

@@ -76,8 +76,9 @@ class CClientSock {
     // Prepares the place of the project's files and sets m_strPrjPath: the local cache tree below
     // /tmp/vzbrowser/, or, for a database on this machine, the server's own paths.
     // szHost: the host text of the connection, never null. strPrjName: GB2312.
-    // False, with strErr saying why, when the name cannot be a folder's name or the server does not
-    // tell its paths. Folders that cannot be made are no failure here.
+    // False, with strErr saying why, when the name cannot be a folder's name, when another ordinary
+    // user owns a folder of the tree (standard error gets the line too), or when the server does
+    // not tell its paths. Folders that cannot be made are no failure here.
     bool AfterConnect(LPCTSTR szHost, const CString& strPrjName, CString& strErr);
 
     // Asks the server for its project, event, alarm and history paths. The four outputs change only

@@ -2,12 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <utime.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 
+#include "CacheFile.h"
 #include "XFile.h"
 #include "nonwin/cstring.h"
 
@@ -99,9 +99,10 @@ class CBodyReceiver {
           m_nMax(bRelay ? kFirstSpanRelay : kFirstSpan) {}
 
     // buf: kChunkBytes, of which nLen came with the header and those from nPos on are body bytes.
-    EGetFile Receive(const CString& strTarget, char* buf, int nLen, int nPos);
+    EGetFile Receive(const CCacheFile& target, char* buf, int nLen, int nPos);
 
   private:
+    bool Prepare();
     bool ReceiveAll(char* buf, int nLen, int nPos);
     void Acknowledge();
     int NextReceiveSize() const;
@@ -119,25 +120,27 @@ class CBodyReceiver {
     bool m_bSpoilt = false;  // a write failed
 };
 
-EGetFile CBodyReceiver::Receive(const CString& strTarget, char* buf, int nLen, int nPos) {
-    if (!m_file.Open(strTarget, O_WRONLY | O_CREAT)) return EGetFile::kNotWritten;
+EGetFile CBodyReceiver::Receive(const CCacheFile& target, char* buf, int nLen, int nPos) {
+    if (!target.Open(m_file, O_WRONLY | O_CREAT)) return EGetFile::kNotWritten;
     // Another process may be filling or reading the same cache. Only what is ours is emptied.
     if (!m_file.Lock(true, kFileLockMs)) return EGetFile::kFailed;
-    m_file.MarkUnfinished(true);
-    if (m_fi.bAppend)
-        m_file.Seek(0, SEEK_END);
-    else
-        m_file.SetFileSize(0);
-    const bool bComplete = ReceiveAll(buf, nLen, nPos);
-    if (bComplete) m_file.MarkUnfinished(false);
-    m_file.Close();
-
+    // What cannot be marked could not be told from a whole file later.
+    if (!m_file.MarkUnfinished(true)) return EGetFile::kNotWritten;
+    bool bComplete = Prepare() && ReceiveAll(buf, nLen, nPos);
     // Not after a write that failed: the file must not pass for the server's by its time either.
-    const utimbuf times{m_fi.tt, m_fi.tt};
-    if (!m_bSpoilt) utime(strTarget, &times);
+    if (!m_bSpoilt) m_file.SetTime(m_fi.tt);
+    if (bComplete) bComplete = m_file.MarkUnfinished(false);
+    m_file.Close();
     if (!bComplete) return EGetFile::kFailed;
     if (m_pGetFileCB) m_pGetFileCB->OnProgress(m_nLastLen, true);
     return EGetFile::kWritten;
+}
+
+// Goes to where the body begins.
+bool CBodyReceiver::Prepare() {
+    if (m_fi.bAppend) return m_file.Seek(0, SEEK_END);
+    m_file.SetFileSize(0);
+    return m_file.GetFileSize64() == 0;
 }
 
 bool CBodyReceiver::ReceiveAll(char* buf, int nLen, int nPos) {
@@ -231,18 +234,18 @@ EGetFile TransferFile(const char* szFileName, CSyncSocket& sock, char nCode, con
                       unsigned long mtime, unsigned long size, IGetFileCB* pGetFileCB,
                       const char* szAddP2p) {
     const std::string strFullPath = std::string(szPath) + szFileName;
-    const CString strTarget = FileSystemPath(strFullPath);
-    const CString strTargetGz = FileSystemPath(strFullPath + ".gz");
+    const CCacheFile target(strFullPath);
+    const CCacheFile targetGz(strFullPath + ".gz");
 
     std::string strSend(1, nCode);
     if (szAddP2p) strSend += szAddP2p;
     strSend.append(szFileName).append("\r\n");
     struct stat st;
-    if (stat(strTarget, &st) == 0) {
+    if (target.Stat(st)) {
         if (IsCurrent(st, Low32(mtime), Low32(size))) return EGetFile::kCurrent;
         AppendHeld(strSend, "LastTime:%X\r\nSize:%X\r\n", st);
     }
-    if (stat(strTargetGz, &st) == 0) AppendHeld(strSend, "gzTime:%X\r\ngzSize:%X\r\n", st);
+    if (targetGz.Stat(st)) AppendHeld(strSend, "gzTime:%X\r\ngzSize:%X\r\n", st);
     strSend += "Hello:Yes\r\n\r\n";
     if (sock._Send(strSend.data(), static_cast<int>(strSend.size()), 0) < 1)
         return EGetFile::kFailed;
@@ -253,12 +256,12 @@ EGetFile TransferFile(const char* szFileName, CSyncSocket& sock, char nCode, con
     SCFileInfo fi;
     const int nPos = GetFileInfoByBuf(buf, nLen, fi);
     if (!fi.bExist) {
-        remove(strTarget);
+        target.Remove();
         return EGetFile::kRemoved;
     }
     if (fi.bUseLast) return EGetFile::kKept;
     CBodyReceiver body(sock, nCode, fi, pGetFileCB, szAddP2p != nullptr);
-    return body.Receive(fi.bGZ ? strTargetGz : strTarget, buf, nLen, nPos);
+    return body.Receive(fi.bGZ ? targetGz : target, buf, nLen, nPos);
 }
 
 int GetFile(const char* szFileName, CSyncSocket& sock, char nCode, const char* szPath,

@@ -49,6 +49,9 @@ enum class [[nodiscard]] EGetFile{
     kWritten,     // the file was received and has the server's time
 };
 
+// A time and size that no cached copy has: the server is always asked.
+constexpr unsigned long kNeverCurrent = 0xFFFFFFFF;
+
 // Brings the file szFileName (GB2312, relative to the project, may contain "/") to
 // szPath + szFileName; szPath is a local directory with its "/" at the end (GB2312).
 //

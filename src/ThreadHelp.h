@@ -23,10 +23,10 @@ class XTEvent {
     XTEvent& operator=(const XTEvent&) = delete;
 
     // Makes the event, with no signal pending. Nothing, also to pending signals, when it is there.
-    void Create() {
-        if (m_bCreate) return;
-        m_bCreate = true;
-        sem_init(&m_sem, 0, 0);
+    // False when the system refuses.
+    bool Create() {
+        if (!m_bCreate) m_bCreate = sem_init(&m_sem, 0, 0) == 0;
+        return m_bCreate;
     }
 
     // Lets one Wait pass, now or later. Nothing when the event is not created.

@@ -14,6 +14,7 @@ static_assert(sizeof(off_t) == 8, "files are addressed with 64 bits on every hos
 namespace {
 
 constexpr mode_t kNewFileMode = 0600;
+constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK;
 constexpr long kLockPollMs = 10;
 
 }  // namespace
@@ -26,7 +27,14 @@ CString FileSystemPath(const std::string& strPath) {
 
 bool XFile::OpenA(LPCSTR szFile, int flags, bool /*bWriteDirect*/) {
     if (IsOpen()) return true;
-    m_fh = open(szFile, flags | O_CLOEXEC | O_NONBLOCK, flags & O_CREAT ? kNewFileMode : 0);
+    m_fh = open(szFile, flags | kOpenFlags, flags & O_CREAT ? kNewFileMode : 0);
+    return IsOpen();
+}
+
+bool XFile::OpenAt(int hFolder, LPCSTR szFile, int flags) {
+    if (IsOpen()) return true;
+    m_fh = openat(hFolder, szFile, flags | kOpenFlags | O_NOFOLLOW,
+                  flags & O_CREAT ? kNewFileMode : 0);
     return IsOpen();
 }
 
@@ -50,16 +58,16 @@ bool XFile::Lock(bool bAlone, long nTimeOutMs) {
     }
 }
 
-void XFile::MarkUnfinished(bool bUnfinished) {
+bool XFile::MarkUnfinished(bool bUnfinished) {
     struct stat st;
-    if (fstat(m_fh, &st) != 0) return;
+    if (!Stat(st)) return false;
     const mode_t nMode = st.st_mode & 07777 & ~static_cast<mode_t>(S_ISVTX);
-    fchmod(m_fh, bUnfinished ? nMode | S_ISVTX : nMode);
+    return fchmod(m_fh, bUnfinished ? nMode | S_ISVTX : nMode) == 0;
 }
 
 bool XFile::IsUnfinished() const {
     struct stat st;
-    return fstat(m_fh, &st) == 0 && IsUnfinished(st);
+    return Stat(st) && IsUnfinished(st);
 }
 
 int XFile::Read(void* buffer, unsigned int count) {
@@ -73,8 +81,15 @@ int XFile::Write(const void* buffer, unsigned int count) {
 UINT XFile::GetFileSize() const { return static_cast<UINT>(GetFileSize64()); }
 
 __int64 XFile::GetFileSize64() const {
-    struct stat st {};
-    return fstat(m_fh, &st) == 0 ? st.st_size : 0;
+    struct stat st;
+    return Stat(st) ? st.st_size : 0;
+}
+
+bool XFile::Stat(struct stat& st) const { return fstat(m_fh, &st) == 0; }
+
+void XFile::SetTime(time_t tt) {
+    const timespec times[2] = {{tt, 0}, {tt, 0}};
+    futimens(m_fh, times);
 }
 
 void XFile::SetFileSize(UINT dwSize) { SetFileSize64(dwSize); }

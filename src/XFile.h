@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <ctime>
 #include <string>
 
 #include "VzDefine.h"
@@ -40,6 +41,9 @@ class XFile {
     bool Open(LPCTSTR szFile, int flags, bool bWriteDirect = false) {
         return OpenA(szFile, flags, bWriteDirect);
     }
+    // The same for the name szFile (UTF-8) in a folder that hFolder is a descriptor of. A link is
+    // not followed: it cannot be opened.
+    bool OpenAt(int hFolder, LPCSTR szFile, int flags);
     bool IsOpen() const { return m_fh >= 0; }
 
     // Locks the open file against other processes that lock it, until it is closed: bAlone to
@@ -49,7 +53,8 @@ class XFile {
 
     // Marks the open file as one whose content has not come to its end, or takes the mark away. The
     // mark is the file's sticky bit, which means nothing else on a file, and outlives the process.
-    void MarkUnfinished(bool bUnfinished);
+    // False when the system refuses.
+    bool MarkUnfinished(bool bUnfinished);
     bool IsUnfinished() const;
     static bool IsUnfinished(const struct stat& st) { return (st.st_mode & S_ISVTX) != 0; }
     // Nothing when no file is open.
@@ -63,6 +68,11 @@ class XFile {
     // The size in bytes, cut to 32 bits and in full. 0 when the system has no answer.
     UINT GetFileSize() const;
     __int64 GetFileSize64() const;
+    // What the system knows of the file. False when it has no answer.
+    bool Stat(struct stat& st) const;
+    // Sets the times of last access and change to tt, seconds since 1970. Whether it worked is not
+    // told.
+    void SetTime(time_t tt);
     // Cuts the file to a size, or fills it up with zeros. Whether it worked is not told.
     void SetFileSize(UINT dwSize);
     void SetFileSize64(__int64 nSize);

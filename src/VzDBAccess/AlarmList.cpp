@@ -4,8 +4,8 @@
 
 #include <string>
 
+#include "CacheFile.h"
 #include "VzDefine.h"
-#include "XFile.h"
 
 namespace {
 
@@ -35,19 +35,21 @@ void AppendLine(std::string& strLine, std::vector<CString>& strList) {
 
 void InitStringList(const char* szStrListPath, std::vector<CString>& strList) {
     if (!strList.empty()) return;
+    std::vector<CString> lines;  // all or none: a list that is not empty is never filled again
     XFile file;
-    if (!file.OpenT(szStrListPath, O_RDONLY, false)) return;
+    if (!CCacheFile(szStrListPath).Open(file, O_RDONLY)) return;
     std::string strLine;
     char buf[kReadBytes];
     for (int nRead; (nRead = file.Read(buf, sizeof buf)) > 0;) {
         for (int i = 0; i < nRead; ++i) {
-            if (strList.size() == kMaxListLines) return;
+            if (lines.size() == kMaxListLines) return strList.swap(lines);
             if (buf[i] == '\n') {
-                AppendLine(strLine, strList);
+                AppendLine(strLine, lines);
             } else if (strLine.size() <= kMaxListLine) {
                 strLine += buf[i];
             }
         }
     }
-    AppendLine(strLine, strList);
+    AppendLine(strLine, lines);
+    strList.swap(lines);
 }

@@ -62,11 +62,13 @@ bool CDBCore::FetchAlarms(bool bKeep, std::vector<S2RtAlarm2>& alarms) {
     return true;
 }
 
-// A list that was loaded once is never loaded again. What the server says of the file is not
-// examined: the list is read from whatever the cache holds.
+// A list that was loaded once is never loaded again. The server is always asked: to 0 and 0, for
+// "not known", an empty copy of time 0, which a broken reply may leave, would be current for ever.
+// What the server says of the file is not examined: the list is read from whatever the cache holds.
 void CDBCore::LoadAlarmList(LPCTSTR szFileName, std::vector<CString>& strList) {
     if (!strList.empty()) return;
-    GetFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, 0, 0, nullptr, nullptr);
+    GetFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, kNeverCurrent, kNeverCurrent, nullptr,
+            nullptr);
     CString strPath = m_strPrjPath;
     strPath += szFileName;
     InitStringList(strPath, strList);

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "ByteCursor.h"
+#include "CacheFile.h"
 #include "DownFile.h"
 #include "VzDBAccess/DBDriver.h"
 #include "VzDBAccess/DrvInfo.h"
@@ -19,13 +20,12 @@
 
 namespace {
 
-constexpr useconds_t kConnectPauseUs = 6000;   // three of them in a connect
-constexpr size_t kLoginBytes = 256;            // login request and reply
-constexpr size_t kMaxCredentials = 253;        // user name and password together
-constexpr size_t kRightsAt = 5;                // offset of the rights word in the login reply
-constexpr size_t kMaxSingleName = 252;         // bytes of a name in a single lookup
-constexpr size_t kShortReply = 16;             // room for the reply of a single-tag request
-constexpr UINT kUnknownToServer = 0xFFFFFFFF;  // a time and size that no local file has
+constexpr useconds_t kConnectPauseUs = 6000;  // three of them in a connect
+constexpr size_t kLoginBytes = 256;           // login request and reply
+constexpr size_t kMaxCredentials = 253;       // user name and password together
+constexpr size_t kRightsAt = 5;               // offset of the rights word in the login reply
+constexpr size_t kMaxSingleName = 252;        // bytes of a name in a single lookup
+constexpr size_t kShortReply = 16;            // room for the reply of a single-tag request
 
 // What a receive thread is given, and owns until it ends: its shares of core and session.
 struct SReceiveThread {
@@ -57,7 +57,7 @@ bool StartsWith(const CString& str, const char* szPrefix) {
 // Size in bytes of a file of the project folder, -1 when there is none.
 int64_t LocalSize(const CString& strPrjPath, LPCTSTR szFileName) {
     struct stat st;
-    return ::stat(FileSystemPath(strPrjPath + szFileName), &st) == 0 ? st.st_size : -1;
+    return CCacheFile(strPrjPath + szFileName).Stat(st) ? st.st_size : -1;
 }
 
 }  // namespace
@@ -147,6 +147,7 @@ bool CDBCore::FetchDriverInfos(const SNAckRegReq& ackRegReq) {
     mapFileInfos[CString("recdata/drvinfo.dat")] = info;
     const EGetFile eHow = SyncPrjFile(kDrvInfoFile, mapFileInfos);
     if (eHow == EGetFile::kFailed) return false;
+    if (eHow == EGetFile::kRemoved) return true;  // no drivers, also when it could not be removed
     // A file that cannot be written counts as not needed. What stands there then may be half of a
     // transfer that broke off, and is loaded only when it has the server's size.
     if (eHow == EGetFile::kNotWritten && LocalSize(m_strPrjPath, kDrvInfoFile) != info.size) {
@@ -165,7 +166,7 @@ bool CDBCore::StartSession() {
     {
         std::lock_guard<std::mutex> data(m_dataLock);
         m_pDrivers.resize(nDrivers);
-        m_exitThreadEvent.Create();
+        if (!m_exitThreadEvent.Create()) return false;
         m_pSession = pSession;
         m_bConnect = true;
     }
@@ -291,10 +292,10 @@ EGetFile CDBCore::SyncPrjFile(LPCTSTR szFileName,
     }
     if (StartsWith(strFileName, "media/") || StartsWith(strFileName, "recdata/") ||
         StartsWith(strFileName, "syscfg/")) {
-        return TransferFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, kUnknownToServer,
-                            kUnknownToServer, nullptr, nullptr);
+        return TransferFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, kNeverCurrent,
+                            kNeverCurrent, nullptr, nullptr);
     }
-    ::remove(FileSystemPath(m_strPrjPath + szFileName));
+    CCacheFile(m_strPrjPath + szFileName).Remove();
     return EGetFile::kRemoved;
 }
 

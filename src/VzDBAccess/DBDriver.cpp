@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -145,16 +146,21 @@ bool CDBDriver::ReqBatchGetPoss(SBatch& batch, std::vector<STag*>& reqTags) {
     if (!m_pDBCore->RequestAll(batch.request, batch.writer.Size(), nReply, reply)) return false;
     CByteReader reader(reply, nReply);
     if (reader.ReadU8() != kReqTagId) return false;
-    const size_t nBefore = reqTags.size();
+    // Records get their names first of all: a name that is in the map is never looked up again.
+    CByteReader ids = reader;
+    {
+        std::lock_guard<std::mutex> data(m_pDBCore->m_dataLock);
+        for (const SBatch::SName& name : batch.names) {
+            STag* pTag = RecordOf(ids.ReadU16());
+            if (pTag) pTag->strTag.assign(name.name);
+            ids.Take(2);
+        }
+    }
     for (const SBatch::SName& name : batch.names) {
         const WORD nId = reader.ReadU16();
         reader.Take(2);
         m_mapTagToId.insert_or_assign(name.itBehind, CString(std::string(name.name)), nId);
         reqTags.push_back(RecordOf(nId));
-    }
-    std::lock_guard<std::mutex> data(m_pDBCore->m_dataLock);
-    for (size_t i = 0; i < batch.names.size(); ++i) {
-        if (STag* pTag = reqTags[nBefore + i]) pTag->strTag.assign(batch.names[i].name);
     }
     return true;
 }
@@ -423,8 +429,9 @@ struct CDBDriver::SEncoded {
                 continue;
             }
             Py_INCREF(value);
+            const std::unique_ptr<PyObject, void (*)(PyObject*)> held(
+                value, [](PyObject* p) { Py_DECREF(p); });
             Add(value);
-            Py_DECREF(value);
         }
     }
 };

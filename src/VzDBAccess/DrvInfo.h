@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "ByteCursor.h"
-#include "XFile.h"
+#include "CacheFile.h"
 #include "nonwin/cstring.h"
 #include "vzcommondef.h"
 
@@ -38,18 +38,19 @@ void ParseDrvInfo(const BYTE* pData, size_t nSize, std::map<CString, T>& mapDrvI
 
 // Adds the drivers of RecData/drvinfo.dat to the map. strPrjPath: project folder, GB2312, with its
 // "/". A file that is missing or below kMinDrvInfoBytes changes nothing. False, with nothing
-// loaded, for one whose transfer broke off, or that another process does not let go.
+// loaded, for one whose transfer broke off, that another process does not let go, or that cannot be
+// read whole.
 template <typename T>
 bool LoadPrjDrvInfo(const CString& strPrjPath, std::map<CString, T>& mapDrvInfos) {
     CString strFilePath = strPrjPath;
     strFilePath += kDrvInfoFile;
     XFile file;
-    if (!file.OpenT(strFilePath, O_RDONLY, false)) return true;
+    if (!CCacheFile(strFilePath).Open(file, O_RDONLY)) return true;
     if (!file.Lock(false, kFileLockMs) || file.IsUnfinished()) return false;
     const UINT dwSize = file.GetFileSize();
     if (dwSize < kMinDrvInfoBytes || dwSize > kMaxDrvInfoBytes) return true;
     std::vector<BYTE> data(dwSize);
-    const int nRead = file.Read(data.data(), dwSize);
-    if (nRead > 0) ParseDrvInfo(data.data(), static_cast<size_t>(nRead), mapDrvInfos);
+    if (file.Read(data.data(), dwSize) != static_cast<int>(dwSize)) return false;
+    ParseDrvInfo(data.data(), dwSize, mapDrvInfos);
     return true;
 }

@@ -104,6 +104,7 @@ void CToldName::Set(const std::string& strName) {
     std::string strCopy(strName);
     CString strUtf8;
     ToUtf8(strName.c_str(), strUtf8, 0);
+    if (strUtf8.empty()) strCopy.clear();  // no converter was to be had: asked for again next time
     m_strName.swap(strCopy);
     m_strUtf8.swap(strUtf8);
     m_bStale = true;

@@ -64,17 +64,18 @@ class Script:
     Values come back by their literal form. Names defined stay. An exception of the script raises
     ScriptError here. ``VzDBAccess``, ``os``, ``sys``, ``time`` and ``threading`` are imported, and
     ``slots(list)`` gives (length, the objects that are there) of a list whose other slots may be
-    empty, ``contents(list)`` what each slot holds, "<empty>" for an empty one. ``variables`` are
-    added to the child's environment.
+    empty, ``contents(list)`` what each slot holds, "<empty>" for an empty one. ``prefix`` is a
+    command that starts the child; ``variables`` are added to its environment.
     """
 
-    def __init__(self, timeout=60, **variables):
+    def __init__(self, timeout=60, prefix=(), **variables):
         self.timeout = timeout * TIME_SCALE
         self.expect_stderr = None
         self._emulator = []
         self.process = subprocess.Popen(
-            interpreter() + [os.path.join(HERE, "child.py")], env=dict(environment(), **variables),
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            list(prefix) + interpreter() + [os.path.join(HERE, "child.py")],
+            env=dict(environment(), **variables), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE)
         self.stderr = b""
 
     def __call__(self, code, timeout=None):

@@ -184,11 +184,6 @@ TEST_F(DownFileBody, ShortWriteOfAnAppendedBodyEmptiesTheWholeFile) {
     EXPECT_EQ(m_folder.Get("f.dat"), "");
 }
 
-TEST_F(DownFileBody, FullDeviceFails) {
-    ASSERT_EQ(symlink("/dev/full", m_folder.Path("f.dat").c_str()), 0);
-    EXPECT_EQ(TransferOf({"Size:3\r\n\r\nabc"}), EGetFile::kFailed);
-}
-
 // --- progress
 
 TEST_F(DownFileBody, ProgressTellsEachReceiveOfTheBodyAndTheEnd) {

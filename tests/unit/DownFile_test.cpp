@@ -189,6 +189,22 @@ TEST_F(DownFile, TargetThatCannotBeOpenedIsNotReceived) {
     EXPECT_EQ(m_progress.m_calls, "");
 }
 
+TEST_F(DownFile, LinkInPlaceOfTheFileIsNeitherToldNorFollowed) {
+    CTempFolder elsewhere;
+    elsewhere.Put("victim", "theirs");
+    elsewhere.SetTime("victim", kTime);
+    for (const char* szName : {"f.dat", "f.dat.gz"})
+        ASSERT_EQ(symlink(elsewhere.Path("victim").c_str(), m_folder.Path(szName).c_str()), 0);
+    EXPECT_EQ(TransferOf({"Size:2\r\nFileTime:10\r\n\r\nab"}), EGetFile::kNotWritten);
+    EXPECT_EQ(Request(), "4f.dat\r\nHello:Yes\r\n\r\n");
+    EXPECT_EQ(TransferOf({"Size:2\r\nFileTime:10\r\nGZ:Yes\r\n\r\nab"}), EGetFile::kNotWritten);
+    EXPECT_EQ(Transfer("f.dat", kTime, 6), EGetFile::kFailed);  // not held, so asked for
+    EXPECT_EQ(TransferOf({"Exist:No\r\n\r\n"}), EGetFile::kRemoved);
+    EXPECT_FALSE(m_folder.Has("f.dat"));  // the link is gone, and nothing else
+    EXPECT_EQ(elsewhere.Get("victim"), "theirs");
+    EXPECT_EQ(elsewhere.Stat("victim").st_mtime, kTime);
+}
+
 // --- the plain face
 
 TEST_F(DownFile, GetFileIsZeroForAFailureAlone) {
