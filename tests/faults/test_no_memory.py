@@ -63,13 +63,12 @@ def script(script):
 
 
 @pytest.fixture
-def torture(session, record_property):
+def torture(session):
     """Runs a step again and again; prints how often."""
     def run(name, step, prepare="nothing", check="healthy", allowed=("MemoryError",)):
         session("def step():\n    global result\n    result = None\n    result = %s" % step)
         runs = session("torture(%s, step, %s, %r)" % (prepare, check, allowed), timeout=120)
         print("%s: %d runs" % (name, runs))
-        record_property("runs", runs)
         assert runs >= 2
     return run
 
@@ -183,7 +182,7 @@ def test_changes_are_told_or_reported(session, plant):
             "sys.unraisablehook = report\n"
             "drv.SetTagNotify(note)\n"
             "assert drv.ConnectTag('a,b,str,r8') == 1")
-    thread, = tasks.others(session.pid)
+    thread = tasks.other(session)
     change = struct.Struct("<HH")
     chunk = b"".join([change.pack(0, LINE1["a"]) + struct.pack("<i", 1000),
                       change.pack(0, LINE1["str"]) + b"some text\0",
