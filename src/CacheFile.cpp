@@ -45,12 +45,16 @@ CCacheFolder::CCacheFolder(const std::string& strPath, bool bMake) : CCacheFolde
 // Goes on into the name from nBegin to nEnd. O_PATH: to pass through a folder takes no right to
 // list it, and what stands there, a link or a device too, can be judged without being opened.
 void CCacheFolder::Enter(const std::string& strPath, size_t nBegin, size_t nEnd, bool bMake) {
-    const std::string strName = strPath.substr(nBegin, nEnd - nBegin);
-    if (bMake) mkdirat(m_hFolder, strName.c_str(), kOwnerOnly);
     const bool bTop = nBegin == 1;
-    const int hNext = strName == ".." ? -1
-                                      : openat(m_hFolder, strName.c_str(),
-                                               O_PATH | O_CLOEXEC | (bTop ? 0 : O_NOFOLLOW));
+    // The first name keeps its "/", which leads from the root whatever the descriptor says: an
+    // emulator may have a root of its own, from which not everything is reached.
+    const size_t nName = bTop ? 0 : nBegin;
+    const std::string strName = strPath.substr(nName, nEnd - nName);
+    if (bMake) mkdirat(m_hFolder, strName.c_str(), kOwnerOnly);
+    const int hNext =
+        strPath.compare(nBegin, nEnd - nBegin, "..") == 0
+            ? -1
+            : openat(m_hFolder, strName.c_str(), O_PATH | O_CLOEXEC | (bTop ? 0 : O_NOFOLLOW));
     Close();
     m_hFolder = hNext;
     struct stat st;
