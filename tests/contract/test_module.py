@@ -110,7 +110,8 @@ def test_a_core_made_with_arguments_is_unconnected(raised):
      "set_callback() takes exactly 2 arguments (1 given)"),
     ("db.SetRtAlarmNotify(print, '1')", "TypeError", "str"),
     ("db.SetRtAlarmNotify(print, 1.0)", "TypeError", ""),
-    ("db.SetRtAlarmNotify(print, 1 << 31)", "OverflowError", "greater than maximum"),
+    # The text differs by the width of a long.
+    ("db.SetRtAlarmNotify(print, 1 << 31)", "OverflowError", ""),
     ("db.SetRtAlarmNotify(5, 0)", "TypeError", "parameter must be callable"),
     ("drv.SetTagNotify()", "TypeError", "set_callback() takes exactly 1 argument (0 given)"),
     ("drv.SetTagNotify(print, 1)", "TypeError",

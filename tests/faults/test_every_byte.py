@@ -92,6 +92,8 @@ def broken(script, plant):
         return outcome
 
     yield run
+    if script.emulated:
+        return  # the emulator's own memory grows
     assert memory[-1] - memory[min(len(memory) // 4, 50)] < PAGES_OF_A_MIB, memory
 
 

@@ -4,6 +4,7 @@ import collections
 import gc
 import json
 import os
+import signal
 import sys
 import threading
 import time
@@ -51,6 +52,8 @@ def _run(code, names):
 
 
 def main():
+    # What starts the tests in the background may have left it ignored, and so inherited.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
     # Results have the real standard output to themselves; what the script prints goes to error.
     results = os.fdopen(os.dup(1), "w")
     os.dup2(2, 1)
