@@ -2,9 +2,18 @@
 // or put together. Integers are little-endian; the functions that are big-endian say so.
 #pragma once
 
+#include <endian.h>
+
 #include <cstring>
 
 #include "VzDefine.h"
+
+// Between the host's byte order and little-endian, both ways alike. By fixed size: then a field is
+// one load or store, at any address, wherever the processor can.
+inline BYTE Little(BYTE n) { return n; }
+inline WORD Little(WORD n) { return htole16(n); }
+inline DWORD Little(DWORD n) { return htole32(n); }
+inline uint64_t Little(uint64_t n) { return htole64(n); }
 
 // Reads fields one after the other from bytes that someone else owns.
 //
@@ -47,12 +56,12 @@ class CByteReader {
         return static_cast<const char*>(static_cast<const void*>(Take(nLen + 1)));
     }
 
-    BYTE ReadU8() { return static_cast<BYTE>(ReadLittle(1)); }
-    WORD ReadU16() { return static_cast<WORD>(ReadLittle(2)); }
-    DWORD ReadU32() { return static_cast<DWORD>(ReadLittle(4)); }
-    uint64_t ReadU64() { return ReadLittle(8); }
-    WORD ReadU16Big() { return static_cast<WORD>(ReadBig(2)); }
-    DWORD ReadU32Big() { return static_cast<DWORD>(ReadBig(4)); }
+    BYTE ReadU8() { return Little(Read<BYTE>()); }
+    WORD ReadU16() { return Little(Read<WORD>()); }
+    DWORD ReadU32() { return Little(Read<DWORD>()); }
+    uint64_t ReadU64() { return Little(Read<uint64_t>()); }
+    WORD ReadU16Big() { return be16toh(Read<WORD>()); }
+    DWORD ReadU32Big() { return be32toh(Read<DWORD>()); }
 
     float ReadF32() {
         const DWORD nBits = ReadU32();
@@ -68,16 +77,11 @@ class CByteReader {
     }
 
   private:
-    uint64_t ReadLittle(size_t nSize) {
-        const BYTE* p = Take(nSize);
-        uint64_t n = 0;
-        for (size_t i = 0; p && i < nSize; ++i) n |= static_cast<uint64_t>(p[i]) << (8 * i);
-        return n;
-    }
-    uint64_t ReadBig(size_t nSize) {
-        const BYTE* p = Take(nSize);
-        uint64_t n = 0;
-        for (size_t i = 0; p && i < nSize; ++i) n = n << 8 | p[i];
+    template <typename T>
+    T Read() {
+        const BYTE* p = Take(sizeof(T));
+        T n = 0;
+        if (p) std::memcpy(&n, p, sizeof n);
         return n;
     }
 
@@ -100,10 +104,10 @@ class CByteWriter {
     size_t Size() const { return m_nSize; }
     size_t Room() const { return m_nRoom - m_nSize; }
 
-    void WriteU8(BYTE n) { WriteLittle(n, 1); }
-    void WriteU16(WORD n) { WriteLittle(n, 2); }
-    void WriteU32(DWORD n) { WriteLittle(n, 4); }
-    void WriteU64(uint64_t n) { WriteLittle(n, 8); }
+    void WriteU8(BYTE n) { Write(Little(n)); }
+    void WriteU16(WORD n) { Write(Little(n)); }
+    void WriteU32(DWORD n) { Write(Little(n)); }
+    void WriteU64(uint64_t n) { Write(Little(n)); }
     void WriteF32(float f) {
         DWORD nBits;
         std::memcpy(&nBits, &f, sizeof f);
@@ -145,9 +149,10 @@ class CByteWriter {
         m_nSize += nSize;
         return p;
     }
-    void WriteLittle(uint64_t n, size_t nSize) {
-        BYTE* p = Reserve(nSize);
-        for (size_t i = 0; p && i < nSize; ++i) p[i] = static_cast<BYTE>(n >> (8 * i));
+    template <typename T>
+    void Write(T n) {
+        BYTE* p = Reserve(sizeof n);
+        if (p) std::memcpy(p, &n, sizeof n);
     }
 
     BYTE* m_pData;

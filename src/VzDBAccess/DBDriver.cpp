@@ -251,10 +251,10 @@ bool CDBDriver::Refresh(const std::vector<STag*>& reqTags) {
     writer.WriteU8(kReqRead);
     writer.WriteU16(0);
     std::vector<STag*> asked;
-    asked.reserve(std::min(reqTags.size(), kMaxRead));
     for (STag* pTag : reqTags) {
         if (asked.size() == kMaxRead) break;
         if (!pTag || pTag->bSubscribe) continue;
+        if (asked.empty()) asked.reserve(std::min(reqTags.size(), kMaxRead));
         writer.WriteU16(m_drvId);
         writer.WriteU16(pTag->id);
         asked.push_back(pTag);
