@@ -141,7 +141,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize) {
         }
         nPos += wanted.nBytes;
     }
-    call.DropObjects();
     Require(TakeCalls() == (nHow & 2 ? nObjects : 0), "calls made");
     const std::string strValues = Values(*live.types) + Values(*live.boiler);
 
@@ -156,7 +155,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize) {
     close(ends[0]);
     close(ends[1]);
     Require(bSent, "socket pair");
-    live.core->DoRecv(pSession);
+    live.core->DoRecv(pSession, call);
     Require(TakeCalls() == nObjects, "calls of the loop");
     Require(Values(*live.types) + Values(*live.boiler) == strValues, "values of the loop");
     Require(nCalls >= nObjects && !PyErr_Occurred(), "no error left");

@@ -35,18 +35,26 @@ struct SReceiveThread {
 
 void* RecvThread(void* pParam) {
     ReceiveThreadRuns();
-    SReceiveThread* pThread = static_cast<SReceiveThread*>(pParam);
-    // Given back also when the interpreter ends this thread inside a call, by unwinding its stack.
-    struct SLeave {
-        SReceiveThread* pThread;
-        ~SLeave() {
-            CDBCore* pCore = pThread->pCore;
-            delete pThread;
-            pCore->LetGo();
-            ReceiveThreadEnds();
-        }
-    } leave{pThread};
-    pThread->pCore->DoRecv(pThread->pSession);
+    // What the thread has is given back also when the interpreter ends it inside a call, by
+    // unwinding its stack. Its shares go first: it may have to wait for the interpreter lock.
+    struct SEnd {
+        ~SEnd() { ReceiveThreadEnds(); }
+    } end;
+    CNotifyCall call;
+    {
+        struct SLeave {
+            SReceiveThread* pThread;
+            ~SLeave() {
+                CDBCore* pCore = pThread->pCore;
+                delete pThread;
+                pCore->LetGo();
+            }
+        } leave{static_cast<SReceiveThread*>(pParam)};
+        leave.pThread->pCore->DoRecv(leave.pThread->pSession, call);
+    }
+    // A process that ends wants nobody to ask for the lock any more: what the interpreter has for
+    // this thread goes with the interpreter.
+    if (call.InInterpreter() && !ProcessIsEnding()) call.LeaveInterpreter();
     return nullptr;
 }
 

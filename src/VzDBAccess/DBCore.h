@@ -103,8 +103,9 @@ class CDBCore : public CClientSock {
     BOOL UnadviseTag(long id);
 
     // The receive thread: reads chunks and walks their frames until the session ends. When the
-    // server closed the connection it takes the session down itself. Receive thread only.
-    void DoRecv(const std::shared_ptr<CDBSession>& pSession);
+    // server closed the connection it takes the session down itself. call is what it calls the
+    // script by. Receive thread only.
+    void DoRecv(const std::shared_ptr<CDBSession>& pSession, CNotifyCall& call);
 
     // Takes in the frame at pBuf, of which nLen bytes were received: stores a changed value, and
     // fills call with what the script is to be called for. Returns the frame's length, or

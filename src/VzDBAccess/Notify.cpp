@@ -25,9 +25,8 @@ constexpr int kEmptyTypeBytes = 3;
 
 }  // namespace
 
-void CDBCore::DoRecv(const std::shared_ptr<CDBSession>& pSession) {
+void CDBCore::DoRecv(const std::shared_ptr<CDBSession>& pSession, CNotifyCall& call) {
     BYTE chunk[kMaxChunkBytes];
-    CNotifyCall call;
     while (!pSession->Ended()) {
         const ssize_t nReceived = ::recv(pSession->ReceiveSocket(), chunk, sizeof chunk, 0);
         if (nReceived > 0) {
@@ -58,12 +57,12 @@ void CDBCore::WalkChunk(CDBSession& session, const BYTE* pChunk, size_t nChunk, 
             if (!session.Park()) break;
             gil = PyGILState_Ensure();
             bLocked = true;
+            call.KeepThreadState();
             if (session.Ended()) break;
         }
         call.MakeCall(session);
     }
     if (bLocked) {
-        call.DropObjects();
         PyGILState_Release(gil);
         session.Unpark();
     }

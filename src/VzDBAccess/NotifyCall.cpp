@@ -137,6 +137,21 @@ void CNotifyCall::SetAlarm(PyObject* fn, const S2RtAlarm2& alarm,
     m_nKind = EKind::kAlarm;
 }
 
+// The thread state is counted: it goes with the last PyGILState_Release.
+void CNotifyCall::KeepThreadState() {
+    if (!m_bThreadState) PyGILState_Ensure();
+    m_bThreadState = true;
+}
+
+void CNotifyCall::LeaveInterpreter() {
+    const PyGILState_STATE gil = PyGILState_Ensure();
+    m_driver.Drop();
+    m_tag.Drop();
+    m_bThreadState = false;
+    PyGILState_Release(PyGILState_LOCKED);  // that of KeepThreadState
+    PyGILState_Release(gil);
+}
+
 void CNotifyCall::MakeCall(const CDBSession& session) {
     PyObject* fn = m_fn;
     Py_INCREF(fn);  // before anything is made: a collection of garbage may drop the script's own

@@ -12,8 +12,8 @@
 #include "nonwin/cstring.h"
 #include "vznetdef.h"
 
-// A name that calls tell again and again: converted from GB2312 only when it is another one than
-// before, and made a str once for all calls between taking and giving back the interpreter lock.
+// A name that calls tell again and again: converted from GB2312 and made a str only when it is
+// another one than before.
 class CToldName {
   public:
     CToldName() = default;
@@ -23,9 +23,9 @@ class CToldName {
     // GB2312. Needs no interpreter lock.
     void Set(const std::string& strName);
     // A new reference to the str, or null with MemoryError set. Needs the interpreter lock, as
-    // Drop.
+    // Drop does.
     PyObject* Object();
-    // Gives the str back, before the interpreter lock is.
+    // Gives the str back.
     void Drop() { Py_CLEAR(m_obj); }
 
   private:
@@ -40,7 +40,10 @@ class CToldName {
 //
 // Ownership: owns its texts and value; the callable is borrowed.
 // Threads:   receive thread only.
-// Python:    MakeCall needs the interpreter lock, everything else, the destructor too, does not.
+// Python:    MakeCall and KeepThreadState need the interpreter lock, everything else, the
+//            destructor too, does not. What calls keep for the next one is given back by
+//            LeaveInterpreter; a thread that the interpreter ends, or that outlives it, leaves it
+//            behind.
 class CNotifyCall {
   public:
     CNotifyCall() = default;
@@ -62,11 +65,16 @@ class CNotifyCall {
     // what it raises goes to sys.unraisablehook. Counts references by hand and owns nothing: the
     // interpreter may end the calling thread here.
     void MakeCall(const CDBSession& session);
-    // Drops what calls have kept for the next one. Before the interpreter lock is given back.
-    void DropObjects() {
-        m_driver.Drop();
-        m_tag.Drop();
-    }
+
+    // Makes the interpreter keep what it has for this thread, its thread state, from one time with
+    // the lock to the next: to make it anew costs more than fifty calls. Needs the interpreter
+    // lock.
+    void KeepThreadState();
+    // Whether the thread must leave the interpreter before it ends.
+    bool InInterpreter() const { return m_bThreadState; }
+    // Takes the interpreter lock, drops the thread state and what calls have kept for the next one,
+    // and gives the lock back. Owns nothing, as MakeCall.
+    void LeaveInterpreter();
 
   private:
     enum class EKind { kNone, kTagChange, kAlarm };
@@ -74,6 +82,7 @@ class CNotifyCall {
     void CallWithChange(const CDBSession& session);
     void CallWithAlarm(const CDBSession& session);
 
+    bool m_bThreadState = false;
     EKind m_nKind = EKind::kNone;
     PyObject* m_fn = nullptr;
     CToldName m_driver;

@@ -17,9 +17,10 @@ class Frames : public ::testing::Test {
         boiler.SetTagCount(8);
         mill.SetTagCount(3);
         core->m_pDrivers = {&boiler, nullptr, &mill};
+        call.KeepThreadState();
     }
     ~Frames() override {
-        call.DropObjects();
+        call.LeaveInterpreter();
         core->LetGo();
     }
 
@@ -226,8 +227,9 @@ TEST_F(Frames, NamesKeptForTheNextCallAreGivenBack) {
         "import sys\nnames = [c[1] for c in calls]\ncalls.clear()\nname = names.pop()\n"
         "names.clear()\n");
     const std::string strKept = Repr("sys.getrefcount(name)");
-    call.DropObjects();
+    call.LeaveInterpreter();
     EXPECT_EQ(std::stoi(Repr("sys.getrefcount(name)")), std::stoi(strKept) - 1);
+    call.KeepThreadState();  // for the fixture
 }
 
 TEST_F(Frames, CallbackGetsNamesAsUtf8) {
