@@ -36,7 +36,7 @@ class CDBDriver::CKnownLists {
 
     struct SList {
         size_t Bytes() const {
-            return sizeof *this + strText.capacity() + tags.capacity() * sizeof tags[0];
+            return sizeof *this + strText.capacity() + tags.capacity() * sizeof(void*);
         }
 
         std::string strText;
