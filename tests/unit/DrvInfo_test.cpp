@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "ProcessState.h"
+#include "TempFolder.h"
 #include "VzDBAccess/DrvInfo.h"
 #include "WireBytes.h"
 
@@ -83,19 +84,15 @@ TEST(DriverRecords, NameWithoutItsZeroByteIsNone) {
 
 class DriverFile : public ::testing::Test {
   protected:
-    DriverFile() {
-        char sz[] = "/tmp/vzunit-XXXXXX";
-        strFolder = std::string(mkdtemp(sz)) + "/";
-        mkdir((strFolder + "RecData").c_str(), 0700);
-    }
-    ~DriverFile() override { RemoveTree(strFolder); }
+    DriverFile() { mkdir((strFolder + "RecData").c_str(), 0700); }
     std::string Loaded(const std::string& strBytes) {
         std::ofstream(strFolder + "RecData/drvinfo.dat", std::ios::binary) << strBytes;
         LoadPrjDrvInfo(CString(strFolder), drivers);
         return Told(drivers);
     }
 
-    std::string strFolder;
+    const CTempFolder folder;
+    const std::string strFolder = folder.Path();
     CDrvMap drivers;
 };
 

@@ -6,6 +6,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "TempFolder.h"
+
 namespace {
 
 using CFileInfos = std::map<CString, SNFileInfo>;
@@ -14,8 +16,6 @@ using CFileInfos = std::map<CString, SNFileInfo>;
 class PrjFile : public ::testing::Test {
   protected:
     PrjFile() : core(new CDBCore) {
-        char sz[] = "/tmp/vzunit-XXXXXX";
-        strFolder = std::string(mkdtemp(sz)) + "/";
         for (const char* szSub : {"RecData", "Media", "SysCfg", "other"})
             mkdir((strFolder + szSub).c_str(), 0700);
         core->m_strPrjPath = CString(strFolder);
@@ -24,10 +24,7 @@ class PrjFile : public ::testing::Test {
         EXPECT_TRUE(core->m_reqSock._Connect("127.0.0.1", server.Port()));
         EXPECT_TRUE(server.Done());
     }
-    ~PrjFile() override {
-        core->LetGo();
-        RemoveTree(strFolder);
-    }
+    ~PrjFile() override { core->LetGo(); }
     void Put(const std::string& strName, const std::string& strText) {
         std::ofstream(strFolder + strName, std::ios::binary) << strText;
     }
@@ -44,7 +41,8 @@ class PrjFile : public ::testing::Test {
     void ExpectNothingSent() { EXPECT_EQ(server.Unread(0), ""); }
 
     CDBCore* core;
-    std::string strFolder;
+    const CTempFolder folder;
+    const std::string strFolder = folder.Path();
     CFileInfos infos;
     CScriptedServer server;
 };
