@@ -103,6 +103,13 @@ BOOL CPlantConnection::GetPrjFile(LPCTSTR szFileName, std::map<CString, SNFileIn
     return SyncPrjFile(szFileName, mapFileInfos) != EGetFile::kFailed;
 }
 
+EGetFile CPlantConnection::Transfer(LPCTSTR szFileName, unsigned long nTime, unsigned long nSize) {
+    const EGetFile eHow =
+        TransferFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, nTime, nSize, nullptr, nullptr);
+    if (eHow == EGetFile::kNotWritten) m_bUnreadBody = true;
+    return eHow;
+}
+
 EGetFile CPlantConnection::SyncPrjFile(LPCTSTR szFileName,
                                        const std::map<CString, SNFileInfo>& mapFileInfos) {
     if (m_bLocalDB) return EGetFile::kKept;  // files are read where the server keeps them
@@ -110,13 +117,11 @@ EGetFile CPlantConnection::SyncPrjFile(LPCTSTR szFileName,
     strFileName.MakeLower();
     const auto it = mapFileInfos.find(strFileName);
     if (it != mapFileInfos.end()) {
-        return TransferFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, it->second.time,
-                            it->second.size, nullptr, nullptr);
+        return Transfer(szFileName, it->second.time, it->second.size);
     }
     if (StartsWith(strFileName, "media/") || StartsWith(strFileName, "recdata/") ||
         StartsWith(strFileName, "syscfg/")) {
-        return TransferFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, kNeverCurrent,
-                            kNeverCurrent, nullptr, nullptr);
+        return Transfer(szFileName, kNeverCurrent, kNeverCurrent);
     }
     CCacheFile(m_strPrjPath + szFileName).Remove();
     return EGetFile::kRemoved;
@@ -167,16 +172,16 @@ bool CPlantConnection::FetchAlarms(bool bKeep, std::vector<S2RtAlarm2>& alarms) 
 // A list that was loaded once is never loaded again. The server is always asked: to 0 and 0, for
 // "not known", an empty copy of time 0, which a broken reply may leave, would be current for ever.
 // What the server says of the file is not examined: the list is read from whatever the cache holds.
-void CPlantConnection::LoadAlarmList(LPCTSTR szFileName, std::vector<CString>& strList) {
-    if (!strList.empty()) return;
-    GetFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, kNeverCurrent, kNeverCurrent, nullptr,
-            nullptr);
+bool CPlantConnection::LoadAlarmList(LPCTSTR szFileName, std::vector<CString>& strList) {
+    if (!strList.empty()) return true;
+    const EGetFile eHow = Transfer(szFileName, kNeverCurrent, kNeverCurrent);
     CString strPath = m_strPrjPath;
     strPath += szFileName;
     InitStringList(strPath, strList);
+    return eHow != EGetFile::kFailed;
 }
 
-void CPlantConnection::LoadAlarmLists() {
-    LoadAlarmList(kTextListFile, m_textList);
-    LoadAlarmList(kTagListFile, m_tagList);
+bool CPlantConnection::LoadAlarmLists() {
+    const bool bTexts = LoadAlarmList(kTextListFile, m_textList);
+    return LoadAlarmList(kTagListFile, m_tagList) && bTexts;
 }

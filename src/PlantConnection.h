@@ -58,15 +58,19 @@ class CPlantConnection : public CClientSock {
     // Subscribes to alarms and, with bKeep, puts the active ones into alarms. False when the
     // exchange failed.
     bool FetchAlarms(bool bKeep, std::vector<S2RtAlarm2>& alarms);
-    // Brings the two lists of alarm texts, unless they were loaded before.
-    void LoadAlarmLists();
+    // Brings the two lists of alarm texts, unless they were loaded before. False when a transfer
+    // failed; the lists are then what the cache holds.
+    bool LoadAlarmLists();
 
+    // The cache could not take a file: its body is still to come on m_reqSock.
+    bool m_bUnreadBody = false;
     // What ConnectDB said in the last Login.
     HRESULT m_hrConnect = kLoggedIn;
 
   private:
     int CheckUser(const char* szUserName, const char* szPassword, UINT& nRights);
     bool FetchDriverInfos(const SNAckRegReq& ackRegReq);
+    EGetFile Transfer(LPCTSTR szFileName, unsigned long nTime, unsigned long nSize);
     EGetFile SyncPrjFile(LPCTSTR szFileName, const std::map<CString, SNFileInfo>& mapFileInfos);
-    void LoadAlarmList(LPCTSTR szFileName, std::vector<CString>& strList);
+    bool LoadAlarmList(LPCTSTR szFileName, std::vector<CString>& strList);
 };
