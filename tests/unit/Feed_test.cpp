@@ -424,7 +424,9 @@ class Routes : public ::testing::Test {
         CPyRef tag(PyUnicode_FromString(szTag));
         return routes.Tag(driver, tag);
     }
-    static SRoute Route(const std::shared_ptr<CFeed>& pTo, uint32_t nToken) { return {pTo, nToken}; }
+    static SRoute Route(const std::shared_ptr<CFeed>& pTo, uint32_t nToken) {
+        return {pTo, nToken};
+    }
 
     CRoutes routes;
     std::shared_ptr<CFeed> pFeed = std::make_shared<CFeed>(10, EOverflow::kLatest);
