@@ -9,6 +9,8 @@ import os
 import sys
 from typing import Any, Optional
 
+from pygments.lexers.special import TextLexer
+
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path[:0] = [os.path.join(ROOT, "python"), os.path.join(ROOT, "build", "python")]
 
@@ -46,4 +48,5 @@ def enter_at_the_top(app: Any, error: Optional[Exception]) -> None:
 
 
 def setup(app: Any) -> None:
+    app.add_lexer("csv", TextLexer)
     app.connect("build-finished", enter_at_the_top)
