@@ -75,7 +75,7 @@ def blocks_of(text: str) -> List[Block]:
         else:
             excuse = _NOT_RUN.match(lines[start - 1]) if start else None
             found.append(Block(tag, "\n".join(lines[start + 1:number]) + "\n", start + 1,
-                               excuse and excuse.group(1).strip(": ")))
+                               excuse.group(1).strip(": ") if excuse else None))
             start = None
     if start is not None:
         raise BlockError("line %d: a block without an end" % (start + 1))
