@@ -1,6 +1,6 @@
 // The driver information file. Input: the file.
 
-#include "VzDBAccess/DrvInfo.h"
+#include "DrvInfo.h"
 
 #include <sys/stat.h>
 

@@ -3,7 +3,7 @@
 
 #include "Input.h"
 #include "ScratchFolder.h"
-#include "VzDBAccess/AlarmList.h"
+#include "AlarmList.h"
 
 namespace {
 

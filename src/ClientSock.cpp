@@ -163,8 +163,10 @@ HRESULT CClientSock::ConnectDB(LPCTSTR szHost, CString& strPrjName, CString& str
     const HRESULT hrHost = ParseHostText(szHost, address);
     m_bLocalDB = address.bRelay ? false : _IsLocalDB(address.strHost);
     if (hrHost != kLoggedIn) return hrHost;
-    m_reqSock.SetP2PCenterIp(address.nCenterIp);
-    m_rcvSock.SetP2PCenterIp(address.nCenterIp);
+    // A host that was looked up before is connected to as a center server is: by its address.
+    const ULONG nIp = address.bRelay || nRedirects ? address.nCenterIp : m_nHostIp;
+    m_reqSock.SetP2PCenterIp(nIp);
+    m_rcvSock.SetP2PCenterIp(nIp);
 
     _GUID guid;
     CoCreateGuid(&guid);
@@ -173,8 +175,10 @@ HRESULT CClientSock::ConnectDB(LPCTSTR szHost, CString& strPrjName, CString& str
     if (hrHello != kLoggedIn) return hrHello;
     if (!strRedirect.IsEmpty()) {
         m_bLan = true;
-        std::puts("Is same lan ...");
-        std::fflush(stdout);
+        if (m_bTellLan) {
+            std::puts("Is same lan ...");
+            std::fflush(stdout);
+        }
         m_reqSock.Close();
         m_rcvSock.SetP2PCenterIp(0);
         if (nRedirects == kMaxRedirects) return kTransportFailure;

@@ -96,6 +96,8 @@ class CClientSock {
     static void GetGatewayMac(ULONG nP2PServ, BYTE* mac);
 
     bool m_bLocalDB = true;
+    bool m_bTellLan = true;  // print a line when that happens
+    ULONG m_nHostIp = 0;  // where a direct host text's host is, network byte order; 0: look it up
     bool m_bLan = false;  // a center server sent this object to a server in the same network
     CReqTimeSock m_reqSock;
     CScnSocket m_rcvSock;

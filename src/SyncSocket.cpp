@@ -42,6 +42,9 @@ bool WaitFor(SOCKET hSocket, short nEvents, long nTimeOut) {
     return poll(&fd, 1, nMs) == 1 && !(fd.revents & POLLNVAL);
 }
 
+// Whether the call that just failed did so only for want of time.
+bool NothingYet() { return errno == EAGAIN || errno == EINTR; }
+
 timeval MakeTimeval(long nTimeOut) {
     timeval tv;
     tv.tv_sec = static_cast<decltype(tv.tv_sec)>(nTimeOut / kMsPerSecond);
@@ -77,8 +80,7 @@ bool CSyncSocket::IsSocket() const { return m_hSocket != 0 && m_hSocket != -1; }
 
 int CSyncSocket::_Send(const void* lpBuf, int nBufLen, int nFlags) {
     if (RefuseLength(nBufLen)) return -1;
-    const ssize_t n = send(m_hSocket, lpBuf, static_cast<size_t>(nBufLen), nFlags | MSG_NOSIGNAL);
-    return static_cast<int>(n);
+    return static_cast<int>(Transmit(lpBuf, static_cast<size_t>(nBufLen), nFlags));
 }
 
 int CSyncSocket::_Recv(void* lpBuf, int nBufLen, int nFlags) {
@@ -130,13 +132,24 @@ void CSyncSocket::CreateAddrIn(const char* szAddr, UINT nPort, SOCKADDR_IN* in) 
 BOOL CSyncSocket::_Connect(ULONG uIp, UINT nHostPort) {
     SOCKADDR_IN addr;
     CreateAddrIn(uIp, nHostPort, &addr);
-    return connect(m_hSocket, AsSockAddr(&addr), sizeof addr) == 0;
+    return ConnectTo(addr);
 }
 
 BOOL CSyncSocket::_Connect(const char* lpszHostAddress, UINT nHostPort) {
     SOCKADDR_IN addr;
     CreateAddrIn(lpszHostAddress, nHostPort, &addr);
-    return connect(m_hSocket, AsSockAddr(&addr), sizeof addr) == 0;
+    return ConnectTo(addr);
+}
+
+bool CSyncSocket::ConnectTo(const SOCKADDR_IN& addr) {
+    SOCKADDR_IN to = addr;
+    if (connect(m_hSocket, AsSockAddr(&to), sizeof to) == 0) return true;
+    // An interrupted attempt, and one whose time-out passed, goes on behind our back.
+    if (!m_pGuard || (errno != EINPROGRESS && errno != EINTR)) return false;
+    if (!m_pGuard->Await(m_hSocket, POLLOUT)) return false;
+    int nError = 0;
+    socklen_t nLen = sizeof nError;
+    return getsockopt(m_hSocket, SOL_SOCKET, SO_ERROR, &nError, &nLen) == 0 && nError == 0;
 }
 
 BOOL CSyncSocket::Listen(int nBacklog) { return listen(m_hSocket, nBacklog) == 0; }
@@ -158,12 +171,44 @@ BOOL CSyncSocket::GetPeerName(SOCKADDR_IN* pAddr) const {
     return getpeername(m_hSocket, AsSockAddr(pAddr), &nLen) == 0;
 }
 
+// One receive from the system.
+inline ssize_t CSyncSocket::Receive(void* pBuf, size_t nLen, int nFlags) {
+    return m_pGuard ? ReceiveGuarded(pBuf, nLen, nFlags) : recv(m_hSocket, pBuf, nLen, nFlags);
+}
+
+// One send to the system.
+inline ssize_t CSyncSocket::Transmit(const void* pBuf, size_t nLen, int nFlags) {
+    return m_pGuard ? TransmitGuarded(pBuf, nLen, nFlags)
+                    : send(m_hSocket, pBuf, nLen, nFlags | MSG_NOSIGNAL);
+}
+
+ssize_t CSyncSocket::ReceiveGuarded(void* pBuf, size_t nLen, int nFlags) {
+    const bool bWait = !(nFlags & MSG_DONTWAIT);
+    if (bWait && !m_pGuard->MayWait() && !m_pGuard->Await(m_hSocket, POLLIN)) return -1;
+    ssize_t n = recv(m_hSocket, pBuf, nLen, nFlags);
+    while (n < 0 && bWait && NothingYet() && m_pGuard->Await(m_hSocket, POLLIN)) {
+        n = recv(m_hSocket, pBuf, nLen, nFlags);
+    }
+    if (n > 0) m_pGuard->Passed(false, pBuf, static_cast<size_t>(n));
+    return n;
+}
+
+ssize_t CSyncSocket::TransmitGuarded(const void* pBuf, size_t nLen, int nFlags) {
+    if (!m_pGuard->MayWait() && !m_pGuard->Await(m_hSocket, POLLOUT)) return -1;
+    ssize_t n = send(m_hSocket, pBuf, nLen, nFlags | MSG_NOSIGNAL);
+    while (n < 0 && NothingYet() && m_pGuard->Await(m_hSocket, POLLOUT)) {
+        n = send(m_hSocket, pBuf, nLen, nFlags | MSG_NOSIGNAL);
+    }
+    if (n > 0) m_pGuard->Passed(true, pBuf, static_cast<size_t>(n));
+    return n;
+}
+
 bool CSyncSocket::SendAll(const void* lpBuf, int nBufLen, int nFlags) {
     if (nBufLen < 1) return nBufLen == 0;
     const BYTE* p = static_cast<const BYTE*>(lpBuf);
     size_t nLeft = static_cast<size_t>(nBufLen);
     while (nLeft) {
-        const ssize_t n = send(m_hSocket, p, nLeft, nFlags | MSG_NOSIGNAL);
+        const ssize_t n = Transmit(p, nLeft, nFlags);
         if (n <= 0) return false;
         p += n;
         nLeft -= static_cast<size_t>(n);
@@ -200,7 +245,7 @@ bool CSyncSocket::FillAhead(int nFlags) {
     if (!m_pAhead) m_pAhead = std::make_unique<BYTE[]>(kAheadBytes);
     if (m_nAhead) std::memmove(m_pAhead.get(), m_pAhead.get() + m_nAheadAt, m_nAhead);
     m_nAheadAt = 0;
-    const ssize_t n = recv(m_hSocket, m_pAhead.get() + m_nAhead, kAheadBytes - m_nAhead, nFlags);
+    const ssize_t n = Receive(m_pAhead.get() + m_nAhead, kAheadBytes - m_nAhead, nFlags);
     if (n <= 0) return false;
     m_nAhead += static_cast<size_t>(n);
     return true;
@@ -219,12 +264,12 @@ const BYTE* CSyncSocket::TakeAhead(size_t nLen) {
 
 // One receive, as if the bytes that were not taken were still with the system.
 int CSyncSocket::RecvOnce(void* pBuf, size_t nLen, int nFlags) {
-    if (m_nAhead == 0) return static_cast<int>(recv(m_hSocket, pBuf, nLen, nFlags));
+    if (m_nAhead == 0) return static_cast<int>(Receive(pBuf, nLen, nFlags));
     const size_t nOld = std::min(nLen, m_nAhead);
     std::memcpy(pBuf, TakeAhead(nOld), nOld);
     if (nOld == nLen) return static_cast<int>(nLen);
     const ssize_t nNew =
-        recv(m_hSocket, static_cast<BYTE*>(pBuf) + nOld, nLen - nOld, nFlags | MSG_DONTWAIT);
+        Receive(static_cast<BYTE*>(pBuf) + nOld, nLen - nOld, nFlags | MSG_DONTWAIT);
     return static_cast<int>(nOld) + static_cast<int>(std::max<ssize_t>(nNew, 0));
 }
 
@@ -273,6 +318,7 @@ BOOL CSyncSocket::SetSendTimeOut(long nTimeOut) {
 
 BOOL CSyncSocket::SetTimeOut(long nTimeOut) {
     if (nTimeOut == 0) return TRUE;
+    if (m_pGuard) nTimeOut = std::min(nTimeOut, CSocketGuard::kSliceMs);
     return SetRecvTimeOut(nTimeOut) && SetSendTimeOut(nTimeOut);
 }
 

@@ -14,6 +14,27 @@ using SOCKADDR_IN = sockaddr_in;
 // RecvTimeOut: nothing came within the time given.
 constexpr int kRecvTimedOut = -3;
 
+// Decides how long the calls of a socket wait, and sees the bytes that pass.
+//
+// Ownership: none; outlives its use by a socket. Threads: called on the thread that uses the
+// socket. Python: what a guard does is its own affair; sockets know nothing of it.
+class CSocketGuard {
+  public:
+    // The longest that a call of a guarded socket waits in the system before it asks.
+    static constexpr long kSliceMs = 200;
+
+    // Whether a call may wait for that long without asking.
+    virtual bool MayWait() = 0;
+    // Waits until hSocket is ready for nEvents (POLLIN or POLLOUT), or broken, or there is nothing
+    // to wait for any longer: then false, and the call fails.
+    virtual bool Await(SOCKET hSocket, short nEvents) = 0;
+    // nLen bytes have been sent or received.
+    virtual void Passed(bool bSent, const void* pData, size_t nLen) = 0;
+
+  protected:
+    ~CSocketGuard() = default;
+};
+
 // One blocking IPv4 socket. Moves bytes; knows nothing of messages.
 //
 // A call that a signal interrupts is not repeated: it counts as failed, so that a user's Ctrl-C
@@ -132,6 +153,11 @@ class CSyncSocket {
     // unchanged, when the system refuses.
     BOOL GetRecvTimeOut(long& nTimeOut) const;
 
+    // Puts the socket's calls under a guard, or under none (null). A guarded call that a signal
+    // interrupts, or whose time-out passes, asks the guard. Time-outs that are set under a guard
+    // are cut to its slice.
+    void SetGuard(CSocketGuard* pGuard) { m_pGuard = pGuard; }
+
     // Has the system probe an idle connection after 60 s and then every 20 s; after 3 lost probes
     // the connection is broken. So a cut cable shows within two minutes. False when the system
     // refuses.
@@ -145,10 +171,16 @@ class CSyncSocket {
     SOCKET m_hSocket = -1;
 
   private:
+    ssize_t Receive(void* pBuf, size_t nLen, int nFlags);
+    ssize_t Transmit(const void* pBuf, size_t nLen, int nFlags);
+    ssize_t ReceiveGuarded(void* pBuf, size_t nLen, int nFlags);
+    ssize_t TransmitGuarded(const void* pBuf, size_t nLen, int nFlags);
+    bool ConnectTo(const SOCKADDR_IN& addr);
     int RecvOnce(void* pBuf, size_t nLen, int nFlags);
     bool FillAhead(int nFlags);
     const BYTE* TakeAhead(size_t nLen);
 
+    CSocketGuard* m_pGuard = nullptr;
     std::unique_ptr<BYTE[]> m_pAhead;  // kAheadBytes, made for the first that are taken
     size_t m_nAheadAt = 0;             // of the first byte that was not taken
     size_t m_nAhead = 0;               // how many were not

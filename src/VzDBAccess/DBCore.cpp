@@ -1,31 +1,17 @@
 #include "VzDBAccess/DBCore.h"
 
-#include <arpa/inet.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <new>
 #include <utility>
 
 #include "ByteCursor.h"
-#include "CacheFile.h"
-#include "DownFile.h"
 #include "VzDBAccess/DBDriver.h"
-#include "VzDBAccess/DrvInfo.h"
 #include "VzDBAccess/Registry.h"
 
 namespace {
 
-constexpr useconds_t kConnectPauseUs = 6000;  // three of them in a connect
-constexpr size_t kLoginBytes = 256;           // login request and reply
-constexpr size_t kMaxCredentials = 253;       // user name and password together
-constexpr size_t kRightsAt = 5;               // offset of the rights word in the login reply
-constexpr size_t kMaxSingleName = 252;        // bytes of a name in a single lookup
-constexpr size_t kShortReply = 16;            // room for the reply of a single-tag request
+constexpr size_t kMaxSingleName = 252;  // bytes of a name in a single lookup
+constexpr size_t kShortReply = 16;      // room for the reply of a single-tag request
 
 // What a receive thread is given, and owns until it ends: its shares of core and session.
 struct SReceiveThread {
@@ -58,16 +44,6 @@ void* RecvThread(void* pParam) {
     return nullptr;
 }
 
-bool StartsWith(const CString& str, const char* szPrefix) {
-    return str.compare(0, std::strlen(szPrefix), szPrefix) == 0;
-}
-
-// Size in bytes of a file of the project folder, -1 when there is none.
-int64_t LocalSize(const CString& strPrjPath, LPCTSTR szFileName) {
-    struct stat st;
-    return CCacheFile(strPrjPath + szFileName).Stat(st) ? st.st_size : -1;
-}
-
 }  // namespace
 
 CDBCore::~CDBCore() {
@@ -88,7 +64,9 @@ int CDBCore::_Connect(LPCTSTR szHost, const char* szUserName, const char* szPass
     EndSession(true);
     int nResult = kConnectFailed;
     try {
-        nResult = Login(szHost, szUserName, szPassword);
+        CString strPrjName;
+        nResult = Login(szHost, szUserName, szPassword, strPrjName);
+        if (nResult == kConnected && !StartSession()) nResult = kConnectFailed;
     } catch (...) {
         AbandonConnect();
         throw;
@@ -100,68 +78,6 @@ int CDBCore::_Connect(LPCTSTR szHost, const char* szUserName, const char* szPass
 void CDBCore::AbandonConnect() {
     CloseSockets();
     m_mapDrvInfos.clear();  // as before the connect: no driver has been made yet
-}
-
-int CDBCore::Login(LPCTSTR szHost, const char* szUserName, const char* szPassword) {
-    CString strPrjName;
-    CString strTitle;
-    CString strErr;
-    SNAckRegReq ackRegReq = {};
-    if (ConnectDB(szHost, strPrjName, strTitle, ackRegReq, true) != kLoggedIn) {
-        return kConnectFailed;
-    }
-    usleep(kConnectPauseUs);
-    if (strPrjName.IsEmpty()) return kConnectProtocol;
-    if (!AfterConnect(szHost, strPrjName, strErr)) return kConnectFailed;
-    usleep(kConnectPauseUs);
-
-    UINT nRights = 0;
-    const int nUser = CheckUser(szUserName, szPassword, nRights);
-    if (nUser != kConnected) return nUser;
-    if (!FetchDriverInfos(ackRegReq)) return kConnectFailed;
-    m_nRights = nRights;
-    return StartSession() ? kConnected : kConnectFailed;
-}
-
-// Login request: '9', user name and zero byte, password and zero byte. Reply: '9' or '0', four
-// bytes that mean nothing here, rights word (4). A reply that ends before the rights word gives
-// none.
-int CDBCore::CheckUser(const char* szUserName, const char* szPassword, UINT& nRights) {
-    const size_t nUser = std::strlen(szUserName);
-    const size_t nPassword = std::strlen(szPassword);
-    if (nUser > kMaxCredentials || nPassword > kMaxCredentials - nUser) return kConnectFailed;
-    BYTE request[kLoginBytes];
-    CByteWriter writer(request, sizeof request);
-    writer.WriteU8(kReqLogin);
-    writer.WriteText(szUserName, nUser);
-    writer.WriteText(szPassword, nPassword);
-    if (ReqSend(request, static_cast<int>(writer.Size())) <= 0) return kConnectFailed;
-
-    BYTE reply[kLoginBytes];
-    const int nReply = m_reqSock._Recv(reply, sizeof reply, 0);
-    if (nReply <= 0) return kConnectFailed;
-    usleep(kConnectPauseUs);
-    if (reply[0] == kRefused) return kConnectRefused;
-    if (reply[0] != kReqLogin) return kConnectProtocol;
-    CByteReader reader(reply, static_cast<size_t>(nReply));
-    reader.Take(kRightsAt);
-    nRights = reader.ReadU32();
-    return kConnected;
-}
-
-bool CDBCore::FetchDriverInfos(const SNAckRegReq& ackRegReq) {
-    const SNFileInfo info = {ntohl(ackRegReq.dif_time), ntohl(ackRegReq.dif_size)};
-    std::map<CString, SNFileInfo> mapFileInfos;
-    mapFileInfos[CString("recdata/drvinfo.dat")] = info;
-    const EGetFile eHow = SyncPrjFile(kDrvInfoFile, mapFileInfos);
-    if (eHow == EGetFile::kFailed) return false;
-    if (eHow == EGetFile::kRemoved) return true;  // no drivers, also when it could not be removed
-    // A file that cannot be written counts as not needed. What stands there then may be half of a
-    // transfer that broke off, and is loaded only when it has the server's size.
-    if (eHow == EGetFile::kNotWritten && LocalSize(m_strPrjPath, kDrvInfoFile) != info.size) {
-        return true;
-    }
-    return LoadPrjDrvInfo(m_strPrjPath, m_mapDrvInfos);
 }
 
 bool CDBCore::StartSession() {
@@ -265,7 +181,7 @@ void CDBCore::ForkedChild() {
     CloseSockets();
 }
 
-// ---- Drivers and files --------------------------------------------------------------------------
+// ---- Drivers ------------------------------------------------------------------------------------
 
 CDBDriver* CDBCore::_GetDriver(LPCTSTR szDrvName, std::shared_ptr<CDBSession>* pSession) {
     std::lock_guard<std::mutex> op(m_opLock);
@@ -284,35 +200,7 @@ CDBDriver* CDBCore::_GetDriver(LPCTSTR szDrvName, std::shared_ptr<CDBSession>* p
     return info.pDriver;
 }
 
-BOOL CDBCore::GetPrjFile(LPCTSTR szFileName, std::map<CString, SNFileInfo>& mapFileInfos) {
-    return SyncPrjFile(szFileName, mapFileInfos) != EGetFile::kFailed;
-}
-
-EGetFile CDBCore::SyncPrjFile(LPCTSTR szFileName,
-                              const std::map<CString, SNFileInfo>& mapFileInfos) {
-    if (m_bLocalDB) return EGetFile::kKept;  // files are read where the server keeps them
-    CString strFileName(szFileName);
-    strFileName.MakeLower();
-    const auto it = mapFileInfos.find(strFileName);
-    if (it != mapFileInfos.end()) {
-        return TransferFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, it->second.time,
-                            it->second.size, nullptr, nullptr);
-    }
-    if (StartsWith(strFileName, "media/") || StartsWith(strFileName, "recdata/") ||
-        StartsWith(strFileName, "syscfg/")) {
-        return TransferFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, kNeverCurrent,
-                            kNeverCurrent, nullptr, nullptr);
-    }
-    CCacheFile(m_strPrjPath + szFileName).Remove();
-    return EGetFile::kRemoved;
-}
-
 // ---- Requests -----------------------------------------------------------------------------------
-
-BOOL CDBCore::RequestAll(const char* szReq, size_t nReqLen, size_t needLen, char* buf) {
-    return m_reqSock.SendAll(szReq, static_cast<int>(nReqLen), 0) &&
-           m_reqSock.RecvAll(buf, static_cast<int>(needLen), 0);
-}
 
 // Single lookup: 'L', driver id (2), name and zero byte. Reply: 'L', tag id (2), more is not read.
 BOOL CDBCore::GetTagId(WORD drvId, LPCTSTR tagName, WORD* pTagId) {

@@ -10,8 +10,7 @@
 #include <mutex>
 #include <vector>
 
-#include "ClientSock.h"
-#include "DownFile.h"
+#include "PlantConnection.h"
 #include "ThreadHelp.h"
 #include "VzDBAccess/DBSession.h"
 #include "VzDBAccess/NotifyCall.h"
@@ -22,19 +21,11 @@
 
 class CDBDriver;
 
-// Results of _Connect.
-constexpr int kConnected = 0;
-constexpr int kConnectRefused = -1;   // the server refused the user
-constexpr int kConnectFailed = -2;    // transport or file failure, or input that cannot be sent
-constexpr int kConnectProtocol = -3;  // no project name, or an unexpected login reply
-
 // Results of _SetRtAlarmNotify.
 constexpr int kAlarmsSubscribed = 0;
 constexpr int kAlarmsAlreadySet = -1;
 constexpr int kAlarmsFailed = -2;
 
-// Bit of the rights word that lets a user write values.
-constexpr UINT kRightWrite = 8;
 // Length of a notification frame that cannot be used: it ends the walk over its chunk.
 constexpr int kUnusableFrame = 0xFFFF;
 // Bytes of one receive from the notification socket.
@@ -43,6 +34,8 @@ constexpr size_t kMaxChunkBytes = 2048;
 constexpr DWORD kEndWaitMs = 16000;
 
 // A session: connects, owns the drivers, sends their requests and runs the receive thread.
+//
+// The base's driver map is guarded by m_opLock.
 //
 // Ownership: counted. One share belongs to the script object, one to each receive thread; the last
 //            one that lets go destroys the core. Owns its drivers through m_mapDrvInfos.
@@ -55,7 +48,7 @@ constexpr DWORD kEndWaitMs = 16000;
 //            interpreter lock while it holds one of the others.
 // Python:    methods are called with the interpreter lock held and never release it. Callables are
 //            borrowed: the script keeps them alive.
-class CDBCore : public CClientSock {
+class CDBCore : public CPlantConnection {
   public:
     CDBCore() = default;  // with one share
 
@@ -87,15 +80,6 @@ class CDBCore : public CClientSock {
     // entries become null. m_opLock held, or no other thread about.
     void ClearDrivers();
 
-    // One request, one reply of known length: sends nReqLen bytes and receives needLen bytes into
-    // buf. TRUE only when both are complete.
-    BOOL RequestAll(const char* szReq, size_t nReqLen, size_t needLen, char* buf);
-
-    // Brings a project file into the local cache, or takes it out, by what the server has
-    // (mapFileInfos: lower-case relative path to time and size). szFileName: relative path, GB2312,
-    // any case. TRUE when the local copy may be used, FALSE when a transfer failed.
-    BOOL GetPrjFile(LPCTSTR szFileName, std::map<CString, SNFileInfo>& mapFileInfos);
-
     // Asks the server for one tag's id, past the drivers' caches. tagName: GB2312, at most 252
     // bytes. FALSE, with pTagId untouched, when there is no session, no answer or no such form.
     BOOL GetTagId(WORD drvId, LPCTSTR tagName, WORD* pTagId);
@@ -125,14 +109,8 @@ class CDBCore : public CClientSock {
     // The driver table by driver id; an entry is null until _GetDriver makes that driver. Does not
     // own. Guarded by m_dataLock.
     std::vector<CDBDriver*> m_pDrivers;
-    std::map<CString, SNDrvInfoEx> m_mapDrvInfos;  // guarded by m_opLock
-    std::vector<CString> m_textList;               // alarm texts, UTF-8
-    std::vector<CString> m_tagList;                // alarm tag names, UTF-8
-    XTEvent m_exitThreadEvent;                     // signalled, made and closed under m_dataLock
-    UINT m_nRights = 0;
+    XTEvent m_exitThreadEvent;  // signalled, made and closed under m_dataLock
     std::atomic<bool> m_bConnect{false};
-    // Never set; another field than the base's of the same name, which tells where the paths are.
-    bool m_bLocalDB = false;
     std::atomic<PyObject*> m_rtAlarmNotifyFn{nullptr};  // borrowed
 
     std::mutex m_opLock;
@@ -141,10 +119,6 @@ class CDBCore : public CClientSock {
   private:
     ~CDBCore();
 
-    int Login(LPCTSTR szHost, const char* szUserName, const char* szPassword);
-    int CheckUser(const char* szUserName, const char* szPassword, UINT& nRights);
-    bool FetchDriverInfos(const SNAckRegReq& ackRegReq);
-    EGetFile SyncPrjFile(LPCTSTR szFileName, const std::map<CString, SNFileInfo>& mapFileInfos);
     bool StartSession();
     void AbandonConnect();
     void CloseSockets();
@@ -153,8 +127,6 @@ class CDBCore : public CClientSock {
     void EndSession(bool bWait);
     void WalkChunk(CDBSession& session, const BYTE* pChunk, size_t nChunk, CNotifyCall& call);
     int OnSystemFrame(const BYTE* pBuf, size_t nLen, CNotifyCall& call);
-    bool FetchAlarms(bool bKeep, std::vector<S2RtAlarm2>& alarms);
-    void LoadAlarmList(LPCTSTR szFileName, std::vector<CString>& strList);
     void SignalExit(const CDBSession* pSession);
 
     std::shared_ptr<CDBSession> m_pSession;  // written under both locks

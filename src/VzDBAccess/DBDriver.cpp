@@ -7,6 +7,7 @@
 #include <string>
 
 #include "ByteCursor.h"
+#include "TagReplies.h"
 #include "VzDBAccess/DBCore.h"
 #include "VzDBAccess/KnownLists.h"
 #include "vznetdef.h"
@@ -18,12 +19,7 @@ constexpr size_t kLookupOverhead = 3;  // of each name: driver id and zero byte
 constexpr size_t kMaxName = kLookupBytes - 1 - kLookupOverhead;
 constexpr size_t kLookupReply = 4096;
 constexpr size_t kSubscribeBytes = 2600;
-constexpr size_t kMaxSubscribed = 519;  // tags in one subscription request
 constexpr size_t kReadBytes = 4096;
-constexpr size_t kMaxRead = 1023;     // tags in one read request
-constexpr size_t kChunkBytes = 4096;  // values in one chunk of a reply
-constexpr int kMaxEmptyChunks = 16;   // in a row; more are a failure
-constexpr size_t kReadHeader = 4;
 
 // Holds a core still for one operation of a driver; false when its session is over.
 class COperation {
@@ -187,17 +183,43 @@ const std::vector<CDBDriver::STag*>* CDBDriver::Resolve(const STagNames& names,
     return &reqTags;
 }
 
-// The records whose values a reply brings, in order, and how far it has come.
-struct CDBDriver::SReplyValues {
-    const std::vector<STag*>& asked;
-    const bool bSubscribe;  // the values are those of a subscription
-    size_t nNext = 0;
-    int nEmptyChunks = 0;  // in a row
-
-    bool Complete() const { return nNext == asked.size(); }
-};
-
 // ---- Subscribe and read -------------------------------------------------------------------------
+
+// The records that a reply brings the values of, in order.
+class CDBDriver::CReplyValues {
+  public:
+    // bSubscribe: the values are those of a subscription.
+    CReplyValues(CDBCore& core, const std::vector<STag*>& asked, bool bSubscribe)
+        : m_core(core), m_asked(asked), m_bSubscribe(bSubscribe) {}
+
+    bool Complete() const { return m_nNext == m_asked.size(); }
+
+    // Stores the values of one chunk into the records whose turn it is. False for a value cut by
+    // the chunk's end and for more values than asked.
+    bool Store(const BYTE* pChunk, size_t nChunk) {
+        std::lock_guard<std::mutex> data(m_core.m_dataLock);
+        for (size_t nPos = 0; nPos < nChunk;) {
+            if (Complete()) return false;
+            STag& tag = *m_asked[m_nNext];
+            const bool bArray = IsArray(pChunk + nPos, nChunk - nPos);
+            const size_t nUsed = tag.value.FromBuffer(pChunk + nPos, nChunk - nPos, true);
+            if (nUsed == XVariant::kUndecodable) return false;
+            if (m_bSubscribe) tag.bSubscribe = true;
+            ++m_nNext;
+            // The size of an array's elements is not part of its value's size, so nothing can
+            // follow it.
+            if (bArray) break;
+            nPos += nUsed;
+        }
+        return true;
+    }
+
+  private:
+    CDBCore& m_core;
+    const std::vector<STag*>& m_asked;
+    const bool m_bSubscribe;
+    size_t m_nNext = 0;
+};
 
 // Request: 'b', count (2), then for each tag driver id (2), tag id (2), 0.
 bool CDBDriver::_ConnectTag(const STagNames& names) {
@@ -221,22 +243,10 @@ bool CDBDriver::_ConnectTag(const STagNames& names) {
     }
     if (asked.empty()) return true;
     writer.PatchU16(1, static_cast<WORD>(asked.size()));
-    return m_pDBCore->m_reqSock.SendAll(request, static_cast<int>(writer.Size()), 0) &&
-           ReadSubscribed(asked);
-}
-
-// Reply: chunks of 'b', length (2) and that many bytes of values with type code, one per tag in the
-// order asked. Code and length must each come in one receive.
-bool CDBDriver::ReadSubscribed(const std::vector<STag*>& asked) {
     CReqTimeSock& sock = m_pDBCore->m_reqSock;
-    SReplyValues values{asked, true};
-    while (!values.Complete()) {
-        const BYTE* pCode = sock.TakeOnce(1);
-        if (!pCode || *pCode != kReqSubscribe) return false;
-        const BYTE* pLength = sock.TakeOnce(2);
-        if (!pLength || !TakeChunk(CByteReader(pLength, 2).ReadU16(), values)) return false;
-    }
-    return true;
+    CReplyValues values(*m_pDBCore, asked, true);
+    return sock.SendAll(request, static_cast<int>(writer.Size()), 0) &&
+           CReplyChunks<CReplyValues>(sock, values).ReceiveSubscribed();
 }
 
 bool CDBDriver::_GetTagValue(LPCTSTR tags, std::vector<STag*>& reqTags) {
@@ -261,55 +271,10 @@ bool CDBDriver::Refresh(const std::vector<STag*>& reqTags) {
     }
     if (asked.empty()) return true;
     writer.PatchU16(1, static_cast<WORD>(asked.size()));
-    return m_pDBCore->m_reqSock.SendAll(request, static_cast<int>(writer.Size()), 0) &&
-           ReadAsked(asked);
-}
-
-// Reply: chunks of 'H', 1 when another chunk follows, length (2) and that many bytes of values with
-// type code. The header must come in one receive. A last chunk ends the reply also when values are
-// missing.
-bool CDBDriver::ReadAsked(const std::vector<STag*>& asked) {
     CReqTimeSock& sock = m_pDBCore->m_reqSock;
-    SReplyValues values{asked, false};
-    for (bool bMore = true; bMore && !values.Complete();) {
-        const BYTE* pHeader = sock.TakeOnce(kReadHeader);
-        if (!pHeader) return false;
-        CByteReader reader(pHeader, kReadHeader);
-        if (reader.ReadU8() != kReqRead) return false;
-        bMore = reader.ReadU8() == 1;
-        if (!TakeChunk(reader.ReadU16(), values)) return false;
-    }
-    return true;
-}
-
-// Receives the nChunk bytes of a chunk and stores their values. False when they do not come, are
-// too many, or are the last of too many empty chunks in a row.
-bool CDBDriver::TakeChunk(WORD nChunk, SReplyValues& values) {
-    if (nChunk > kChunkBytes) return false;
-    const BYTE* pChunk = m_pDBCore->m_reqSock.TakeAll(nChunk);
-    if (!pChunk) return false;
-    values.nEmptyChunks = nChunk ? 0 : values.nEmptyChunks + 1;
-    return values.nEmptyChunks < kMaxEmptyChunks && StoreValues(pChunk, nChunk, values);
-}
-
-// Stores the values of one chunk into the records whose turn it is. False for a value cut by the
-// chunk's end and for more values than asked.
-bool CDBDriver::StoreValues(const BYTE* pChunk, size_t nChunk, SReplyValues& values) {
-    std::lock_guard<std::mutex> data(m_pDBCore->m_dataLock);
-    for (size_t nPos = 0; nPos < nChunk;) {
-        if (values.Complete()) return false;
-        STag& tag = *values.asked[values.nNext];
-        const bool bArray = IsArray(pChunk + nPos, nChunk - nPos);
-        const size_t nUsed = tag.value.FromBuffer(pChunk + nPos, nChunk - nPos, true);
-        if (nUsed == XVariant::kUndecodable) return false;
-        if (values.bSubscribe) tag.bSubscribe = true;
-        ++values.nNext;
-        // The size of an array's elements is not part of its value's size, so nothing can follow
-        // it.
-        if (bArray) break;
-        nPos += nUsed;
-    }
-    return true;
+    CReplyValues values(*m_pDBCore, asked, false);
+    return sock.SendAll(request, static_cast<int>(writer.Size()), 0) &&
+           CReplyChunks<CReplyValues>(sock, values).ReceiveRead();
 }
 
 // What a read found. Copied, so that the objects are made without a lock: making one may run a

@@ -134,16 +134,12 @@ class CDBDriver {
     struct SBatch;
     struct SCopies;
     struct SEncoded;
-    struct SReplyValues;
+    class CReplyValues;
 
     STag* RecordOf(WORD nId) { return nId < m_tags.size() ? &m_tags[nId] : nullptr; }
     const std::vector<STag*>* Resolve(const STagNames& names, std::vector<STag*>& reqTags);
     bool ReqBatchGetPoss(SBatch& batch, std::vector<STag*>& reqTags);
-    bool ReadSubscribed(const std::vector<STag*>& asked);
     bool Refresh(const std::vector<STag*>& reqTags);
-    bool ReadAsked(const std::vector<STag*>& asked);
-    bool TakeChunk(WORD nChunk, SReplyValues& values);
-    bool StoreValues(const BYTE* pChunk, size_t nChunk, SReplyValues& values);
     bool CopyValues(const STagNames& names, SCopies& copies);
     int WriteValues(const STagNames& names, const SEncoded& values, bool& bOverflow);
 

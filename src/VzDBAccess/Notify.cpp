@@ -7,6 +7,7 @@
 #include <new>
 
 #include "ByteCursor.h"
+#include "NotifyFrames.h"
 #include "VzDBAccess/DBCore.h"
 #include "VzDBAccess/DBDriver.h"
 
@@ -14,14 +15,6 @@ namespace {
 
 constexpr useconds_t kExitPauseUs = 60000;  // before a receive thread signals its end
 constexpr size_t kFrameHeader = 4;          // driver id, tag id
-constexpr WORD kSystemFrame = 0xFFFF;       // stands for a driver id
-
-// System frames whose type alone gives their length; 0: invalid, or looked at more closely.
-constexpr BYTE kSystemFrameBytes[9] = {0, 35, 7, 35, 43, 7, 20, 7, 5};
-constexpr BYTE kLastFixedType = 8;
-constexpr BYTE kLastTagType = 22;
-constexpr BYTE kEmptyType = 255;
-constexpr int kEmptyTypeBytes = 3;
 
 }  // namespace
 
@@ -89,33 +82,20 @@ int CDBCore::OnDBNotify(const CDBSession& session, const BYTE* pBuf, size_t nLen
     return kUnusableFrame;
 }
 
-// Types 1 and 3 are alarms. Types 9 to 22 name a driver (at 3) and a tag (at 5), which must exist;
-// 16 to 21 of them carry a zero-terminated text at 7. Everything but alarms is stepped over.
+// A frame that names a tag is usable when that tag exists. Everything but alarms is stepped over.
 int CDBCore::OnSystemFrame(const BYTE* pBuf, size_t nLen, CNotifyCall& call) {
-    CByteReader reader(pBuf, nLen);
-    reader.Take(2);
-    const BYTE nType = reader.ReadU8();
-    if (reader.Failed()) return kUnusableFrame;
-    if (nType == kEmptyType) return kEmptyTypeBytes;
-    if (nType > kLastTagType) return kUnusableFrame;
-    if (nType <= kLastFixedType) {
-        const int nBytes = kSystemFrameBytes[nType];
-        PyObject* fn = m_rtAlarmNotifyFn;
-        S2RtAlarm2 alarm;
-        if (fn && (nType == 1 || nType == 3) && DecodeAlarm(reader, alarm)) {
-            call.SetAlarm(fn, alarm, m_textList, m_tagList);
-        }
-        return nBytes ? nBytes : kUnusableFrame;
-    }
-    const WORD nDriver = reader.ReadU16();
-    const WORD nTag = reader.ReadU16();
-    if (reader.Failed() || nDriver >= m_pDrivers.size() || !m_pDrivers[nDriver] ||
-        nTag >= m_pDrivers[nDriver]->TagCount()) {
+    const SSystemFrame frame = LookAtSystemFrame(pBuf, nLen);
+    if (frame.eLength != SSystemFrame::ELength::kKnown) return kUnusableFrame;
+    if (frame.bNamesTag && (frame.nDriver >= m_pDrivers.size() || !m_pDrivers[frame.nDriver] ||
+                            frame.nTag >= m_pDrivers[frame.nDriver]->TagCount())) {
         return kUnusableFrame;
     }
-    if (nType >= 10 && nType <= 13) return 15;
-    if (nType < 16 || nType > 21) return 8;
-    size_t nText = 0;
-    reader.TakeText(nText);
-    return reader.Failed() ? kUnusableFrame : static_cast<int>(nText) + 8;
+    PyObject* fn = m_rtAlarmNotifyFn;
+    if (fn && frame.IsAlarm()) {
+        CByteReader reader(pBuf, nLen);
+        reader.Take(3);
+        S2RtAlarm2 alarm;
+        if (DecodeAlarm(reader, alarm)) call.SetAlarm(fn, alarm, m_textList, m_tagList);
+    }
+    return static_cast<int>(frame.nBytes);
 }

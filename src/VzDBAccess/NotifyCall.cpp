@@ -65,21 +65,6 @@ PyObject* CallWithThree(PyObject* fn, PyObject** args) {
 
 }  // namespace
 
-// Alarm record, 32 bytes: almtm u32, evttm u32, tid u16, type u16, grp u16, level u8, status u8,
-// value f64, limit f64.
-bool DecodeAlarm(CByteReader& reader, S2RtAlarm2& alarm) {
-    alarm.almtm = reader.ReadU32();
-    alarm.evttm = reader.ReadU32();
-    alarm.tid = reader.ReadU16();
-    alarm.type = reader.ReadU16();
-    alarm.grp = reader.ReadU16();
-    alarm.level = reader.ReadU8();
-    alarm.status = reader.ReadU8();
-    alarm.value = reader.ReadF64();
-    alarm.limit = reader.ReadF64();
-    return !reader.Failed();
-}
-
 PyObject* TextToObj(const CString& strUtf8) {
     return PyUnicode_DecodeUTF8(strUtf8.data(), static_cast<Py_ssize_t>(strUtf8.size()), "replace");
 }

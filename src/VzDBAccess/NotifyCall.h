@@ -93,9 +93,6 @@ class CNotifyCall {
     const std::vector<CString>* m_pTagList = nullptr;
 };
 
-// Takes a 32-byte alarm record from the reader. False when it is cut.
-bool DecodeAlarm(CByteReader& reader, S2RtAlarm2& alarm);
-
 // A str of text that should be UTF-8; what is not becomes replacement characters. New reference, or
 // null with MemoryError set. Needs the interpreter lock.
 PyObject* TextToObj(const CString& strUtf8);

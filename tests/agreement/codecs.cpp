@@ -17,7 +17,7 @@
 
 #include "LiveSession.h"
 #include "Peer.h"
-#include "VzDBAccess/DrvInfo.h"
+#include "DrvInfo.h"
 
 #include <arpa/inet.h>
 

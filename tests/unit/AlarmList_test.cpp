@@ -1,4 +1,4 @@
-#include "VzDBAccess/AlarmList.h"
+#include "AlarmList.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

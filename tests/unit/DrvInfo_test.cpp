@@ -10,7 +10,7 @@
 
 #include "ProcessState.h"
 #include "TempFolder.h"
-#include "VzDBAccess/DrvInfo.h"
+#include "DrvInfo.h"
 #include "WireBytes.h"
 
 namespace {

@@ -1,0 +1,90 @@
+"""The records that this package gives out."""
+
+import enum
+from dataclasses import dataclass
+from datetime import datetime
+from typing import TYPE_CHECKING, NamedTuple, Optional, Union
+
+if TYPE_CHECKING:
+    class Change(NamedTuple):
+        """A value of a tag, and when it was received (aware datetime, local time).
+
+        ``resynced``: it was read anew after the connection had been lost.
+        """
+
+        driver: str
+        tag: str
+        value: "Value"
+        time: datetime
+        resynced: bool
+else:
+    from _vzclient import Change
+
+Value = Union[None, bool, int, float, str, datetime]
+"""What a tag can hold. None: the tag has no value."""
+
+
+class Rights(enum.IntFlag):
+    """What a user may do."""
+
+    NONE = 0
+    WRITE = 8
+
+
+class State(NamedTuple):
+    """How the connection is.
+
+    ``name`` is "connecting", "live", "stale" (connected, but an answer is overdue), "lost" (it is
+    tried anew, unless reconnect is off) or "closed". ``since``: when that began. ``last_heard``:
+    when the server last sent something, None before it ever did. ``reason``: why, where there is
+    something to say. Times are aware datetimes in local time.
+    """
+
+    name: str
+    since: datetime
+    last_heard: Optional[datetime]
+    reason: str
+
+    def __str__(self) -> str:
+        return "%s (%s)" % (self.name, self.reason) if self.reason else self.name
+
+
+@dataclass(frozen=True)
+class Alarm:
+    """An alarm: when and where, its kind, group and level, the value and the limit it crossed.
+
+    ``time`` is the alarm's, ``event_time`` that of the event it belongs to, if any: aware datetimes
+    in local time. ``tag``, ``kind`` and ``group`` are texts of the project, "???" where it has
+    none. ``level`` and ``status`` are numbers from 0 to 255. ``resynced``: it was active when the
+    connection was regained, and may have been told before.
+    """
+
+    time: datetime
+    event_time: Optional[datetime]
+    tag: str
+    kind: str
+    group: str
+    level: int
+    value: float
+    limit: float
+    status: int
+    resynced: bool = False
+
+
+@dataclass(frozen=True)
+class Stats:
+    """What a plant has seen so far, over all its connections.
+
+    ``dropped`` counts events that were displaced in full queues, ``unusable_frames`` the times
+    that received bytes could not be understood, ``bytes_received`` those of notifications.
+    """
+
+    requests: int = 0
+    timeouts: int = 0
+    changes: int = 0
+    alarms: int = 0
+    unusable_frames: int = 0
+    dropped: int = 0
+    callback_errors: int = 0
+    reconnects: int = 0
+    bytes_received: int = 0

@@ -1,0 +1,141 @@
+"""What tells of changes and alarms: watches to iterate over, subscriptions that call functions."""
+
+import collections
+from typing import TYPE_CHECKING, Any, Callable, Deque, Generic, Iterator, Optional, TypeVar
+
+import _vzclient
+
+from .errors import ConnectionLost, VzTimeoutError
+from .types import Alarm, Change
+
+if TYPE_CHECKING:
+    from .plant import Plant
+
+_BATCH = 512  # events taken out of a queue at once
+Item = TypeVar("Item")
+
+
+class _Events(Generic[Item]):
+    """A queue of events to iterate over; a context manager that closes it.
+
+    One watch may be read by several threads; each event goes to one of them.
+    """
+
+    def __init__(self, plant: "Plant", queue: int, overflow: str,
+                 timeout: Optional[float]) -> None:
+        self._plant = plant
+        self._feed = _vzclient.Feed(plant._routes, queue, overflow)
+        self._timeout = timeout
+        self._batch = collections.deque()  # type: Deque[Any]
+        self._closed = False
+        plant._watches.add(self)
+
+    def _item(self, event: Any) -> Item:
+        raise NotImplementedError
+
+    def __iter__(self) -> Iterator[Item]:
+        """Events as they come, until the watch or its plant is closed.
+
+        Raises VzTimeoutError when nothing came for ``timeout`` seconds, and ConnectionLost when
+        the connection is gone and is not tried anew.
+        """
+        while self._fill(self._timeout):
+            try:
+                while True:
+                    yield self._item(self._batch.popleft())
+            except IndexError:
+                pass
+
+    def get(self, timeout: Optional[float] = None) -> Item:
+        """The next event. VzTimeoutError after ``timeout`` seconds; None waits for ever.
+
+        Raises ConnectionLost when no more will come.
+        """
+        while self._fill(timeout):
+            try:
+                return self._item(self._batch.popleft())
+            except IndexError:  # another thread was faster
+                pass
+        raise ConnectionLost("waiting for an event of %s: the watch is closed" % self._plant.host)
+
+    def _fill(self, timeout: Optional[float]) -> bool:
+        """Wait until there is something in the batch; False at the end."""
+        if self._batch:
+            return True
+        if self._closed:
+            return False
+        events = self._feed.take(timeout, _BATCH)
+        if events is None:
+            self._plant._check_lost()
+            return False
+        if not events:
+            raise VzTimeoutError("nothing came from %s within %g s" % (self._plant.host, timeout))
+        self._batch.extend(events)
+        return True
+
+    @property
+    def dropped(self) -> int:
+        """How many events were displaced because the queue was full."""
+        return self._feed.dropped
+
+    @property
+    def waiting(self) -> int:
+        """How many events wait to be taken."""
+        return len(self._feed) + len(self._batch)
+
+    def close(self) -> None:
+        """End the watch, also while another thread waits in it. The server goes on sending."""
+        if not self._closed:
+            self._closed = True
+            self._plant._drop(self)
+            self._feed.close()
+
+    def __enter__(self) -> Any:
+        return self
+
+    def __exit__(self, *error: Any) -> None:
+        self.close()
+
+
+class Watch(_Events[Change]):
+    """Changes of tags, from ``Driver.watch``: iterate over it, or ``get`` one at a time."""
+
+    def _item(self, event: Any) -> Change:
+        change = event[1]  # type: Change
+        return change
+
+    def __enter__(self) -> "Watch":
+        return self
+
+
+class AlarmWatch(_Events[Alarm]):
+    """Alarms, from ``Plant.alarms``: iterate over it, or ``get`` one at a time."""
+
+    def _item(self, event: Any) -> Alarm:
+        return self._plant._alarm(event[1])
+
+    def __enter__(self) -> "AlarmWatch":
+        return self
+
+
+class Subscription:
+    """A function that is called for events. Made by ``on_change`` and ``on_alarm``."""
+
+    def __init__(self, plant: "Plant", token: int, function: Callable[[Any], Any],
+                 on_error: Optional[Callable[[BaseException], Any]]) -> None:
+        self._plant = plant
+        self._token = token
+        self._function = function
+        self._on_error = on_error
+
+    @property
+    def active(self) -> bool:
+        """Whether the function is still called."""
+        return self._plant._is_active(self)
+
+    def cancel(self) -> None:
+        """Call the function no more; it may be called once more by a thread that is about to.
+
+        Cancelled within one of its own calls it is not called again. The server goes on sending.
+        """
+        self._plant._cancel(self)
