@@ -7,12 +7,13 @@ of the repository. Only the pages named in ``include_patterns`` are taken.
 import importlib.util
 import os
 import sys
+import typing
 from typing import Any, Optional
 
 from pygments.lexers.special import TextLexer
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-sys.path[:0] = [os.path.join(ROOT, "python"), os.path.join(ROOT, "build", "python")]
+sys.path.insert(0, os.path.join(ROOT, "python"))
 
 project = "VzDBAccess"
 author = "The VzDBAccess developers"
@@ -26,17 +27,33 @@ extensions = ["myst_parser", "sphinx.ext.autodoc"]
 highlight_language = "none"
 myst_heading_anchors = 3
 
-# The native module is compiled for one interpreter and machine; its docstrings are in Python.
-if importlib.util.find_spec("_vzclient") is None:
-    autodoc_mock_imports = ["_vzclient"]
+# The native module is built for one interpreter; what it gives out is described in Python.
+autodoc_mock_imports = ["_vzclient"]
 autodoc_member_order = "bysource"
-autodoc_typehints = "description"
+python_use_unqualified_type_names = True
+# Types of the standard library, and what annotations name that is not for scripts.
+nitpick_ignore = [("py:class", "datetime.datetime"), ("py:class", "Sink"), ("py:class", "Value")]
+nitpick_ignore_regex = [("py:class", r"vzclient\.\w+\.(Item|_\w+)")]
 
 html_theme = "alabaster"
 html_theme_options = {"fixed_sidebar": True, "page_width": "1060px",
                       "show_powered_by": False}
 html_show_sourcelink = False
 html_copy_source = False
+
+
+def load_types() -> None:
+    """Import the records as a type checker sees them: at run time one of them is native."""
+    path = os.path.join(ROOT, "python", "vzclient", "types.py")
+    spec = importlib.util.spec_from_file_location("vzclient.types", path)
+    assert spec is not None and spec.loader is not None
+    module = sys.modules["vzclient.types"] = importlib.util.module_from_spec(spec)
+    typing.TYPE_CHECKING = True
+    spec.loader.exec_module(module)
+    typing.TYPE_CHECKING = False
+
+
+load_types()
 
 
 def enter_at_the_top(app: Any, error: Optional[Exception]) -> None:

@@ -20,8 +20,6 @@ UNIT = next(block.text for block in BLOCKS if block.tag == "ini")
 CALL = next(i for i, block in enumerate(BLOCKS) if block.reason)
 SCRIPT = "\n".join(block.text for block in BLOCKS[:CALL + 1])
 
-LANDED = os.path.exists(os.path.join(ROOT, "python", "vzclient", "plant.py"))
-
 
 @pytest.fixture
 def unit(tmp_path):
@@ -74,7 +72,6 @@ def told(manager, keeper):
             assert time.monotonic() < deadline, "the script tells nothing"
 
 
-@pytest.mark.skipif(not LANDED, reason="vzclient is not there yet")
 def test_the_script_says_that_it_is_ready_and_alive_and_ends_on_sigterm(tmp_path, manager):
     (tmp_path / "password").write_text("secret\n")
     (tmp_path / "keeper.py").write_text(SCRIPT, encoding="utf-8")
