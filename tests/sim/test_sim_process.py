@@ -237,6 +237,21 @@ def test_a_closed_process_is_gone():
         sim.get_value(0, 0)
 
 
+@pytest.mark.parametrize("ending", ["sim.close()", "del sim", "pass"])
+def test_an_ended_process_leaves_nothing_open(ending):
+    code = "import vzsim; sim = vzsim.SimProcess('boiler_house'); " + ending
+    found = subprocess.run([sys.executable, "-X", "dev", "-c", code], stdout=subprocess.PIPE,
+                           stderr=subprocess.PIPE, env=dict(os.environ, PYTHONPATH=PYTHON))
+    assert (found.returncode, found.stderr) == (0, b"")
+
+
+def test_the_log_can_be_read_after_the_end():
+    with SimProcess(small_plant(), verbose=True) as sim, connect(sim.port) as sock:
+        sock.sendall(b"3")
+        sock.recv(1)
+    assert " 3 project paths\n" in sim.log() and sim.log().endswith(" - connection ended\n")
+
+
 def test_a_forgotten_process_is_gone():
     sim = SimProcess(small_plant())
     pid = sim.pid
