@@ -15,6 +15,7 @@ import pytest
 
 from conftest import PYTHON, small_plant
 from vzsim import Operations, SimProcess, Simulator, control, controller
+from vzsim.scenarios import Scenarios
 from wire_client import Client, connect, take
 
 READ = b"H\x01\0\0\0\x01\0"
@@ -190,8 +191,10 @@ def test_every_operation_works_from_outside(process):
 
 
 def test_process_and_thread_offer_the_same_operations():
-    public = {name for name in vars(Operations) if not name.startswith("_")}
-    assert public - {"host", "port", "name"} == set(controller.OPERATIONS)
+    public = {name for kind in (Operations, Scenarios) for name in vars(kind)
+              if not name.startswith("_")}
+    assert public - {"host", "port", "name", "address", "outage", "silence", "playing",
+                     "alarm"} == set(controller.OPERATIONS)
     for operation in controller.OPERATIONS:
         assert callable(getattr(controller.Controller, operation))
 
