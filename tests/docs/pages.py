@@ -123,7 +123,7 @@ class PageRun:
         with open(path, encoding="utf-8") as stream:
             self.text = stream.read()
         self.path = path
-        self._address = "%s:%d" % (simulator.host, simulator.port)
+        self._address = simulator.address
         self._shown = next((host for host in HOSTS if host in self.text), HOSTS[0])
         self._folder = folder
         self._printed = None  # type: Optional[str]

@@ -32,7 +32,7 @@ def run(tmp_path_factory):
                 with PageRun(str(path), simulator, folder) as page:
                     page.run()
             finally:
-                shutil.rmtree(cache_folder("%s:%d" % (simulator.host, simulator.port)), True)
+                shutil.rmtree(cache_folder(simulator.address), True)
     return run_page
 
 

@@ -79,8 +79,7 @@ def test_the_script_says_that_it_is_ready_and_alive_and_ends_on_sigterm(tmp_path
                CREDENTIALS_DIRECTORY=str(tmp_path))
     with SimProcess(os.path.join(ROOT, "docs", "plant.json")) as simulator:
         keeper = subprocess.Popen(
-            interpreter() + [str(tmp_path / "keeper.py"),
-                             "%s:%d" % (simulator.host, simulator.port), "operator"],
+            interpreter() + [str(tmp_path / "keeper.py"), simulator.address, "operator"],
             env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8")
         try:
             assert told(manager, keeper) == b"READY=1"
