@@ -19,10 +19,11 @@ from .driver import Driver
 from .errors import (ConnectionLost, UnknownDriver, UnknownTag, ValueRejected, VzError,
                      VzTimeoutError)
 from .supervisor import Supervisor
-from .types import Alarm, Rights, State, Stats
+from .types import AlarmRecord, Rights, State, Stats
 from .watches import AlarmWatch, Subscription
 
 if TYPE_CHECKING:
+    from .alarms import Alarm
     from .tracer import Sink, Tracer
     from .watches import _Events
 
@@ -108,8 +109,9 @@ class Plant:
             self.close()
             raise
         if on_state is not None:
+            tell = on_state
             self._on_state = self._dispatcher.subscribe(
-                lambda _: on_state(self._states.popleft()), None)
+                lambda _: tell(self._states.popleft()), None)
         self._set_state("live", "")
         self._supervisor.start()
         _plants.add(self)
@@ -176,7 +178,7 @@ class Plant:
         self._watch_alarms(watch._feed, 0, existing)
         return watch
 
-    def on_alarm(self, function: Callable[[Alarm], Any], existing: bool = False,
+    def on_alarm(self, function: Callable[["Alarm"], Any], existing: bool = False,
                  on_error: Optional[Callable[[BaseException], Any]] = None) -> Subscription:
         """Call ``function(alarm)`` for each alarm; as ``Driver.on_change``."""
         subscription = self._subscription(function, on_error)
@@ -194,8 +196,9 @@ class Plant:
         except _vzclient.Failure as failure:
             raise self._error(failure, "subscribing to alarms") from None
 
-    def _alarm(self, record: Tuple[int, int, int, int, int, int, int, float, float, bool]) -> Alarm:
+    def _alarm(self, record: AlarmRecord) -> "Alarm":
         """The alarm of a record, with the texts of the session that it came from."""
+        from .alarms import Alarm
         time, event_time, tag, kind, group, level, status, value, limit, resynced = record
         texts = self._texts
         if texts is None or texts[0] is not self._session:
@@ -331,8 +334,9 @@ class Plant:
             return UnknownDriver("%s: the server has this driver no more" % where, (driver.name,))
         if self._closed:
             return ConnectionLost("%s: the plant is closed" % where)
+        state = "it ended just now" if self._state.name == "live" else self._state
         return ConnectionLost("%s: there is no connection (%s); check the server and the network"
-                              % (where, self._state))
+                              % (where, state))
 
 
 def _now() -> datetime:
