@@ -10,6 +10,7 @@ import vzclient
 from clients import DRIVER, connect, name_of, names_of, value_read
 from deliveries import FIRST_TRIAL, Side
 from measure import Calls, Job, repeated, same
+from round_trips import tags_text
 from sessions import Figure, import_figure
 
 READ_SIZES = (1, 10, 100, 1000)
@@ -36,10 +37,20 @@ def reader(driver, size):
 
 def read_job(package, module, size):
     names = names_of(range(size))
-    return Job("vzclient: read %d tag%s" % (size, "" if size == 1 else "s"), {
-        "module": reader(package, size),
-        "older": Calls(repeated(module.GetTagValue, names)),
-    }, aim=("older", READ_AIM))
+    sides = {"module": reader(package, size), "older": Calls(repeated(module.GetTagValue, names))}
+    if size > 1:
+        sides["dict"] = Calls(same_result(module, size))
+    return Job("vzclient: read " + tags_text(size), sides, aim=("older", READ_AIM))
+
+
+def same_result(module, size):
+    """The module's reads, made what the package gives."""
+    names, text = [name_of(tag) for tag in range(size)], names_of(range(size))
+
+    def run(count):
+        for _ in range(count):
+            dict(zip(names, module.GetTagValue(text)))
+    return run
 
 
 class Rate:

@@ -24,7 +24,7 @@ from .watches import AlarmWatch, Subscription
 
 if TYPE_CHECKING:
     from .alarms import Alarm
-    from .tracer import Sink, Tracer
+    from .tracer import Sink
     from .watches import _Events
 
 _log = logging.getLogger("vzclient.connection")
@@ -84,7 +84,6 @@ class Plant:
         self._queue = _vzclient.Feed(self._routes, queue, overflow)
         self._news = cast(_vzclient.Feed, None)  # of the present session
         self._session = cast(_vzclient.Session, None)
-        self._tracer = None  # type: Optional[Tracer]
         self._trace_feed = None  # type: Optional[_vzclient.Feed]
         self._drivers = {}  # type: Dict[str, Driver]
         self._facts = {}  # type: Dict[str, Tuple[int, int]]
@@ -99,6 +98,7 @@ class Plant:
         self._states = collections.deque()  # type: Deque[State]
         self._dispatcher = Dispatcher(self, on_error)
         self._supervisor = Supervisor(self, reconnect, backoff, heartbeat)
+        self._tracer = None
         if trace is not None:
             from .tracer import Tracer
             self._trace_feed = _vzclient.Feed(self._routes, _TRACE_QUEUE, "oldest")
@@ -314,7 +314,8 @@ class Plant:
         kind, detail = failure.args
         where = "%s%s on %s" % (what, "" if driver is None else " of %r" % driver.name, self.host)
         if kind == "unknown":
-            return UnknownTag("%s: there is no %s; check the names" % (where, _list(detail)), detail)
+            return UnknownTag("%s: there is no %s; check the names" % (where, _list(detail)),
+                              detail)
         if kind == "rejected":
             return ValueRejected("%s: %r cannot take the value: %s; nothing was written"
                                  % (where, detail[0], detail[1]))

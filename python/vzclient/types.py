@@ -17,7 +17,7 @@ if TYPE_CHECKING:
         time: datetime
         resynced: bool
 else:
-    from _vzclient import Change
+    from _vzclient import Change  # noqa: F401
 
 Value = Union[None, bool, int, float, str, datetime]
 """What a tag can hold. None: the tag has no value."""
