@@ -116,8 +116,9 @@ class CWatchValues {
 
 size_t CFrames::Walk(const BYTE* pBytes, size_t nLen, int64_t nTimeUs) {
     for (size_t nPos = 0;;) {
-        const size_t nFrame = Frame(pBytes + nPos, nLen - nPos, nTimeUs);
-        if (nFrame == kUnusable || (nFrame == 0 && nLen - nPos > kMaxFrame)) {
+        const size_t nAtHand = std::min(nLen - nPos, kMaxFrame);
+        const size_t nFrame = Frame(pBytes + nPos, nAtHand, nTimeUs);
+        if (nFrame == kUnusable || (nFrame == 0 && nAtHand == kMaxFrame)) {
             ++m_nUnusable;
             return nLen;
         }

@@ -40,7 +40,8 @@ class CFrames {
 
     // Tells what the whole frames at the start of the nLen bytes say. Returns how many bytes are
     // done with; the rest is the start of a frame that goes on in bytes still to come. Bytes behind
-    // a frame that cannot be used are lost: nobody can say where the next one starts.
+    // a frame that cannot be used, or is longer than 2048 bytes, are lost: nobody can say where the
+    // next one starts.
     size_t Walk(const BYTE* pBytes, size_t nLen, int64_t nTimeUs);
 
     std::atomic<uint64_t> m_nChanges{0};
