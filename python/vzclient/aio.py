@@ -228,7 +228,7 @@ class AsyncDriver:
 class _AsyncEvents(Generic[Item]):
     """Events of a watch that is made when it is first used; an asynchronous context manager."""
 
-    def __init__(self, plant: AsyncPlant, make: Callable[[], Any],
+    def __init__(self, plant: AsyncPlant, make: Callable[[], "_watches._Events[Item]"],
                  timeout: Optional[float]) -> None:
         self._plant = plant
         self._make = make
@@ -237,10 +237,11 @@ class _AsyncEvents(Generic[Item]):
         self._batch = collections.deque()  # type: Deque[Any]
 
     async def _start(self) -> "_watches._Events[Item]":
-        if self._watch is None:
-            self._watch = await self._plant._requests.run(
+        watch = self._watch
+        if watch is None:
+            watch = self._watch = await self._plant._requests.run(
                 lambda _: self._make(), self._plant._plant.timeout)
-        return self._watch
+        return watch
 
     def __aiter__(self) -> AsyncIterator[Item]:
         return self

@@ -108,8 +108,9 @@ class Plant:
             self.close()
             raise
         if on_state is not None:
+            tell = on_state
             self._on_state = self._dispatcher.subscribe(
-                lambda _: on_state(self._states.popleft()), None)
+                lambda _: tell(self._states.popleft()), None)
         self._set_state("live", "")
         self._supervisor.start()
         _plants.add(self)
@@ -194,7 +195,7 @@ class Plant:
         except _vzclient.Failure as failure:
             raise self._error(failure, "subscribing to alarms") from None
 
-    def _alarm(self, record: Tuple[int, int, int, int, int, int, int, float, float, bool]) -> Alarm:
+    def _alarm(self, record: Tuple[Any, ...]) -> Alarm:
         """The alarm of a record, with the texts of the session that it came from."""
         time, event_time, tag, kind, group, level, status, value, limit, resynced = record
         texts = self._texts

@@ -26,7 +26,11 @@ class Tracer:
         feed = plant._trace_feed
         assert feed is not None
         self._feed = feed
-        self._write = sink if callable(sink) else lambda line: print(line, file=sink, flush=True)
+        if callable(sink):
+            self._write = sink
+        else:
+            stream = sink
+            self._write = lambda line: print(line, file=stream, flush=True)
         self._decoder = Decoder(self._driver_name)
         self._plant = plant
         self._thread = threading.Thread(target=self._run, name="vzclient-trace", daemon=True)

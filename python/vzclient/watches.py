@@ -69,6 +69,7 @@ class _Events(Generic[Item]):
             self._plant._check_lost()
             return False
         if not events:
+            assert timeout is not None
             raise VzTimeoutError("nothing came from %s within %g s" % (self._plant.host, timeout))
         self._batch.extend(events)
         return True
