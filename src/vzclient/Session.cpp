@@ -110,6 +110,25 @@ class CWatchValues {
     const size_t m_nEnd;
 };
 
+// Guards the notification channel while it is opened: the trace tells its bytes from the others.
+class CNotifyGuard final : public CSocketGuard {
+  public:
+    explicit CNotifyGuard(CPatience& patience) : m_patience(patience) {}
+
+    bool MayWait() override { return m_patience.MayWait(); }
+    bool Await(SOCKET hSocket, short nEvents) override {
+        return m_patience.Await(hSocket, nEvents);
+    }
+    void Passed(bool bSent, const void* pData, size_t nLen) override {
+        m_patience.SetNotify(true);
+        m_patience.Passed(bSent, pData, nLen);
+        m_patience.SetNotify(false);
+    }
+
+  private:
+    CPatience& m_patience;
+};
+
 }  // namespace
 
 // ---- Frames -------------------------------------------------------------------------------------
@@ -283,6 +302,7 @@ void CSession::Join() {
 
 int CSession::Connect(const char* szHost, ULONG nIp, const char* szUser, const char* szPassword,
                       CPatience& patience) {
+    CNotifyGuard notify(patience);
     struct SGuarded {
         CSession& session;
         ~SGuarded() {
@@ -291,7 +311,7 @@ int CSession::Connect(const char* szHost, ULONG nIp, const char* szUser, const c
         }
     } guarded{*this};
     m_reqSock.SetGuard(&patience);
-    m_rcvSock.SetGuard(&patience);
+    m_rcvSock.SetGuard(&notify);
     m_bTellLan = false;
     m_nHostIp = nIp;
     const int nResult = Login(szHost, szUser, szPassword, m_strProject);
