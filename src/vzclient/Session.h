@@ -138,7 +138,7 @@ class CSession final : public CPlantConnection {
     const CFrames& Frames() const { return m_frames; }
     CFeed* Trace() const { return m_pTrace.get(); }
     CFeed* News() const { return m_pNews.get(); }
-    CRoutes& Routes() const { return *m_pRoutes; }
+    const std::shared_ptr<CRoutes>& Routes() const { return m_pRoutes; }
 
   private:
     class CTurn;

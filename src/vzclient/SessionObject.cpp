@@ -52,6 +52,8 @@ PyObject* SessionNew(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
 void SessionDealloc(PyObject* self) {
     auto* object = static_cast<SSessionObject*>(static_cast<void*>(self));
     if (object->nForks == Forks() && object->pHeld) {
+        // May be the last to hold the routes, whose names are script objects.
+        const std::shared_ptr<CRoutes> pRoutes = (*object->pHeld)->Routes();
         PyThreadState* state = PyEval_SaveThread();
         delete object->pHeld;
         PyEval_RestoreThread(state);
