@@ -274,7 +274,17 @@ CSession::~CSession() {
 
 void CSession::Join() {
     std::lock_guard<std::mutex> guard(m_joinLock);
-    if (m_receiver.joinable()) m_receiver.join();
+    if (!m_receiver.joinable()) return;
+    m_receiver.join();
+    // An operation ends soon, now that the session has; one that a signal's handler interrupts may
+    // wait for us. Then the destructor closes.
+    if (m_turnOf == std::this_thread::get_id()) return;
+    const std::unique_lock<std::timed_mutex> turn(m_turn, 5 * kTurnSlice);
+    if (!turn.owns_lock()) return;
+    std::lock_guard<std::mutex> end(m_endLock);
+    m_bOpen = false;
+    m_rcvSock.Close();
+    m_reqSock.Close();
 }
 
 int CSession::Connect(const char* szHost, ULONG nIp, const char* szUser, const char* szPassword,

@@ -118,7 +118,7 @@ class CSession final : public CPlantConnection {
     // Asks the server for a sign of life.
     EResult Probe(CPatience& patience);
 
-    // Waits for the receive thread, after End.
+    // Waits for the receive thread, after End, and closes the connection.
     void Join();
 
     // Ends the session: whoever waits in it stops waiting. szNews is told unless it had ended.
