@@ -87,7 +87,8 @@ class Plant:
         self._trace_feed = None  # type: Optional[_vzclient.Feed]
         self._drivers = {}  # type: Dict[str, Driver]
         self._facts = {}  # type: Dict[str, Tuple[int, int]]
-        self._watches = weakref.WeakSet()  # type: weakref.WeakSet[_Events[Any]]
+        # By id. Not a WeakSet: those that go while others look through it would break that.
+        self._watches = {}  # type: Dict[int, weakref.ref[_Events[Any]]]
         self._alarms = False
         self._texts = None  # type: Optional[Tuple[_vzclient.Session, Tuple[List[str], List[str]]]]
         self._counts = collections.Counter()  # type: Dict[str, int]
@@ -154,7 +155,7 @@ class Plant:
         counts = dict(self._counts)
         for name, count in self._session.counts().items():
             counts[name] = counts.get(name, 0) + count
-        feeds = [self._queue] + [watch._feed for watch in list(self._watches)]
+        feeds = [self._queue] + [watch._feed for watch in self._watching()]
         counts["dropped"] = counts.get("dropped", 0) + sum(feed.dropped for feed in feeds)
         return Stats(callback_errors=self._dispatcher.errors,
                      reconnects=self._supervisor.reconnects, **counts)
@@ -221,7 +222,7 @@ class Plant:
             self._session.end("closed")
             self._session.join()
         self._queue.close()
-        for watch in list(self._watches):
+        for watch in self._watching():
             watch.close()
         if self._supervisor._thread.is_alive():
             self._supervisor.join(_CLOSE_WAIT)
@@ -281,7 +282,7 @@ class Plant:
         """The connection is lost and not tried anew: what waits for events ends."""
         self._lost_for_good = reason
         self._queue.close()
-        for watch in list(self._watches):
+        for watch in self._watching():
             watch._feed.close()
 
     def _check_lost(self) -> None:
@@ -300,10 +301,16 @@ class Plant:
         self._dispatcher.cancel(subscription)
         self._routes.drop(self._queue, subscription._token)
 
+    def _watching(self) -> "List[_Events[Any]]":
+        """The watches that are not closed."""
+        found = [reference() for reference in list(self._watches.values())]
+        return [watch for watch in found if watch is not None]
+
     def _drop(self, watch: "_Events[Any]") -> None:
         self._routes.drop(watch._feed, 0)
-        self._counts["dropped"] += watch._feed.dropped
-        self._watches.discard(watch)
+        with self._lock:
+            self._counts["dropped"] += watch._feed.dropped
+        self._watches.pop(id(watch), None)
 
     def _error(self, failure: _vzclient.Failure, what: str,
                driver: Optional[Driver] = None) -> VzError:

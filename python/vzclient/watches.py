@@ -1,6 +1,7 @@
 """What tells of changes and alarms: watches to iterate over, subscriptions that call functions."""
 
 import collections
+import weakref
 from typing import TYPE_CHECKING, Any, Callable, Deque, Generic, Iterator, Optional, TypeVar
 
 import _vzclient
@@ -18,8 +19,11 @@ Item = TypeVar("Item")
 class _Events(Generic[Item]):
     """A queue of events to iterate over; a context manager that closes it.
 
-    One watch may be read by several threads; each event goes to one of them.
+    One watch may be read by several threads; each event goes to one of them. A watch that nobody
+    holds any more is closed.
     """
+
+    _closed = True  # until there is something to close
 
     def __init__(self, plant: "Plant", queue: int, overflow: str,
                  timeout: Optional[float]) -> None:
@@ -28,7 +32,7 @@ class _Events(Generic[Item]):
         self._timeout = timeout
         self._batch = collections.deque()  # type: Deque[Any]
         self._closed = False
-        plant._watches.add(self)
+        plant._watches[id(self)] = weakref.ref(self)
 
     def _item(self, event: Any) -> Item:
         raise NotImplementedError
@@ -89,6 +93,10 @@ class _Events(Generic[Item]):
             self._closed = True
             self._plant._drop(self)
             self._feed.close()
+            self._batch.clear()
+
+    def __del__(self) -> None:
+        self.close()
 
     def __enter__(self) -> Any:
         return self
