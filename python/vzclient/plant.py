@@ -120,11 +120,13 @@ class Plant:
     @property
     def project(self) -> str:
         """Name of the project that the server runs."""
+        self._check_process()
         return self._session.project
 
     @property
     def rights(self) -> Rights:
         """What the user may do."""
+        self._check_process()
         return Rights(self._session.rights)
 
     @property
@@ -144,6 +146,7 @@ class Plant:
     @property
     def state(self) -> State:
         """How the connection is now."""
+        self._check_process()
         state = self._state
         if state.name in ("live", "stale"):
             state = state._replace(last_heard=self._heard())
@@ -152,6 +155,7 @@ class Plant:
     @property
     def stats(self) -> Stats:
         """Counters since ``connect``."""
+        self._check_process()
         counts = dict(self._counts)
         for name, count in self._session.counts().items():
             counts[name] = counts.get(name, 0) + count
@@ -212,8 +216,10 @@ class Plant:
 
         May be called from anywhere, also within a callback.
         """
+        if self._forked():  # whoever held the lock is not there to give it back
+            return
         with self._lock:
-            if self._closed or os.getpid() != self._process:
+            if self._closed:
                 return
             self._closed = True
         self._supervisor.stop()
@@ -237,6 +243,15 @@ class Plant:
         self.close()
 
     # ---- For the rest of the package ------------------------------------------------------------
+
+    def _forked(self) -> bool:
+        """Whether this process was forked off the one that connected."""
+        return os.getpid() != self._process
+
+    def _check_process(self) -> None:
+        if self._forked():
+            raise VzError("using %s: the plant was connected before a fork; connect anew in the "
+                          "child" % self.host)
 
     def _adopt(self, session: _vzclient.Session, closing: Optional[threading.Event]) -> None:
         """Make a connected session the plant's, all subscriptions renewed. Raises Failure."""
@@ -292,6 +307,7 @@ class Plant:
 
     def _subscription(self, function: Callable[[Any], Any],
                       on_error: Optional[Callable[[BaseException], Any]]) -> Subscription:
+        self._check_process()
         return self._dispatcher.subscribe(function, on_error)
 
     def _is_active(self, subscription: Subscription) -> bool:
@@ -299,7 +315,8 @@ class Plant:
 
     def _cancel(self, subscription: Subscription) -> None:
         self._dispatcher.cancel(subscription)
-        self._routes.drop(self._queue, subscription._token)
+        if not self._forked():
+            self._routes.drop(self._queue, subscription._token)
 
     def _watching(self) -> "List[_Events[Any]]":
         """The watches that are not closed."""

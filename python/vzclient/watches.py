@@ -27,6 +27,7 @@ class _Events(Generic[Item]):
 
     def __init__(self, plant: "Plant", queue: int, overflow: str,
                  timeout: Optional[float]) -> None:
+        plant._check_process()
         self._plant = plant
         self._feed = _vzclient.Feed(plant._routes, queue, overflow)
         self._timeout = timeout
@@ -68,6 +69,7 @@ class _Events(Generic[Item]):
             return True
         if self._closed:
             return False
+        self._plant._check_process()
         events = self._feed.take(timeout, _BATCH)
         if events is None:
             self._plant._check_lost()
@@ -80,16 +82,18 @@ class _Events(Generic[Item]):
     @property
     def dropped(self) -> int:
         """How many events were displaced because the queue was full."""
+        self._plant._check_process()
         return self._feed.dropped
 
     @property
     def waiting(self) -> int:
         """How many events wait to be taken."""
+        self._plant._check_process()
         return len(self._feed) + len(self._batch)
 
     def close(self) -> None:
         """End the watch, also while another thread waits in it. The server goes on sending."""
-        if not self._closed:
+        if not self._closed and not self._plant._forked():
             self._closed = True
             self._plant._drop(self)
             self._feed.close()
