@@ -83,6 +83,7 @@ class Plant:
         self._queue = _vzclient.Feed(self._routes, queue, overflow)
         self._news = cast(_vzclient.Feed, None)  # of the present session
         self._session = cast(_vzclient.Session, None)
+        self._opening = None  # type: Optional[_vzclient.Session]
         self._tracer = None  # type: Optional[Tracer]
         self._trace_feed = None  # type: Optional[_vzclient.Feed]
         self._drivers = {}  # type: Dict[str, Driver]
@@ -104,7 +105,7 @@ class Plant:
             self._trace_feed = _vzclient.Feed(self._routes, _TRACE_QUEUE, "oldest")
             self._tracer = Tracer(self, trace)
         try:
-            self._adopt(login.open_session(self, self.timeout), None)
+            self._adopt(login.open_session(self, self.timeout))
         except BaseException:
             self.close()
             raise
@@ -222,16 +223,19 @@ class Plant:
             if self._closed:
                 return
             self._closed = True
-        self._supervisor.stop()
-        if self._session is not None:
-            self._set_state("closed", "")
-            self._session.end("closed")
-            self._session.join()
+            self._supervisor.stop()
+            sessions = [session for session in (self._opening, self._session) if session is not None]
+            if self._session is not None:
+                self._set_state("closed", "")
+        for session in sessions:
+            session.end("closed")
         self._queue.close()
         for watch in self._watching():
             watch.close()
         if self._supervisor._thread.is_alive():
             self._supervisor.join(_CLOSE_WAIT)
+        if self._session is not None:
+            self._session.join()
         self._dispatcher.join(_CLOSE_WAIT)
         if self._tracer is not None:
             self._tracer.close(_CLOSE_WAIT)
@@ -253,7 +257,14 @@ class Plant:
             raise VzError("using %s: the plant was connected before a fork; connect anew in the "
                           "child" % self.host)
 
-    def _adopt(self, session: _vzclient.Session, closing: Optional[threading.Event]) -> None:
+    def _opens(self, session: _vzclient.Session) -> None:
+        """A session is about to connect; it is ended with the plant."""
+        with self._lock:
+            self._opening = session
+            if self._closed:
+                session.end("closed")
+
+    def _adopt(self, session: _vzclient.Session) -> None:
         """Make a connected session the plant's, all subscriptions renewed. Raises Failure."""
         self._facts = session.drivers()
         bound = {name: (session.driver(facts[0]), facts[1])
@@ -267,7 +278,7 @@ class Plant:
         if self._alarms:
             session.watch_alarms(None, 0, True, self.timeout)
         with self._lock:
-            if closing is not None and closing.is_set():
+            if self._closed:
                 session.end("closed")
             drivers = dict(self._drivers)
             for name, (native, tag_count) in bound.items():

@@ -104,14 +104,18 @@ class Supervisor:
         plant = self._plant
         try:
             session = login.open_session(plant, plant.timeout)
+            try:
+                plant._adopt(session)
+                return None
+            except BaseException:
+                session.end("subscriptions could not be renewed")
+                session.join()
+                raise
         except LoginRefused as error:
             return "refused: %s" % error
         except VzError as error:
             return str(error)
-        try:
-            plant._adopt(session, self._closing)
-            return None
         except _vzclient.Failure as failure:
-            session.end("subscriptions could not be renewed")
-            session.join()
             return "subscriptions could not be renewed: %s" % failure.args[0]
+        finally:
+            plant._opening = None
