@@ -90,7 +90,6 @@ class Plant:
         self._facts = {}  # type: Dict[str, Tuple[int, int]]
         # By id. Not a WeakSet: those that go while others look through it would break that.
         self._watches = {}  # type: Dict[int, weakref.ref[_Events[Any]]]
-        self._alarms = False
         self._texts = None  # type: Optional[Tuple[_vzclient.Session, Tuple[List[str], List[str]]]]
         self._counts = collections.Counter()  # type: Dict[str, int]
         self._closed = False
@@ -194,7 +193,6 @@ class Plant:
         return subscription
 
     def _watch_alarms(self, feed: _vzclient.Feed, token: int, existing: bool) -> None:
-        self._alarms = True
         try:
             self._session.watch_alarms(feed, token, existing, self.timeout)
         except _vzclient.Failure as failure:
@@ -275,7 +273,7 @@ class Plant:
                 gone = bound[name][0].watch(self._routes, name, tuple(tags), None, 0, self.timeout)
             if gone:
                 _log.warning("%s has no more %s of driver %r", self.host, _list(gone), name)
-        if self._alarms:
+        if self._routes.alarms_watched():
             session.watch_alarms(None, 0, True, self.timeout)
         with self._lock:
             if self._closed:

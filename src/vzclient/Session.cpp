@@ -523,6 +523,7 @@ CSession::EResult CSession::Watch(SDriver& driver, const std::vector<CWatchedTag
     }
     const int64_t nNowUs = NowUs();
     std::lock_guard<std::mutex> guard(m_pRoutes->m_lock);
+    if (m_bOver) return Ended(patience, false);  // a next session may have looked at the routes
     for (size_t i = 0; i < asked.size(); ++i) {
         CWatchedTag& tag = *tags[asked[i]];
         const WORD nId = ids[asked[i]];
@@ -547,6 +548,7 @@ CSession::EResult CSession::WatchAlarms(const SRoute* pRoute, bool bExisting, CP
     if (!LoadAlarmLists() || m_bUnreadBody) return Ended(patience, false);
     const int64_t nNowUs = NowUs();
     std::lock_guard<std::mutex> guard(m_pRoutes->m_lock);
+    if (m_bOver) return Ended(patience, false);  // as above
     m_alarmTexts = m_textList;
     m_alarmTags = m_tagList;
     for (const S2RtAlarm2& alarm : alarms) {
