@@ -2,6 +2,7 @@
 
 import atexit
 import collections
+import itertools
 import logging
 import os
 import threading
@@ -96,7 +97,8 @@ class Plant:
         self._lost_for_good = ""
         self._state = State("connecting", _now(), None, "")
         self._on_state = None  # type: Optional[Subscription]
-        self._states = collections.deque()  # type: Deque[State]
+        self._state_numbers = itertools.count()
+        self._states = collections.deque()  # type: Deque[Tuple[str, State]]  # on their way
         self._dispatcher = Dispatcher(self, on_error)
         self._supervisor = Supervisor(self, reconnect, backoff, heartbeat)
         if trace is not None:
@@ -110,7 +112,7 @@ class Plant:
             raise
         if on_state is not None:
             self._on_state = self._dispatcher.subscribe(
-                lambda _: on_state(self._states.popleft()), None)
+                lambda number: on_state(self._take_state(number)), None)
         self._set_state("live", "")
         self._supervisor.start()
         _plants.add(self)
@@ -296,8 +298,16 @@ class Plant:
             changed = self._state.name != name
             self._state = State(name, since, heard, reason)
             if self._on_state is not None and changed:
-                self._states.append(self._state)
-                self._queue.news("state", self._on_state._token)
+                number = str(next(self._state_numbers))
+                self._states.append((number, self._state))
+                self._queue.news(number, self._on_state._token)
+
+    def _take_state(self, number: str) -> State:
+        """The state of that number; those before it were displaced in the queue."""
+        while True:
+            found, state = self._states.popleft()
+            if found == number:
+                return state
 
     def _heard(self) -> Optional[datetime]:
         return _local(self._session.heard)
