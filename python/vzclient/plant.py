@@ -224,7 +224,7 @@ class Plant:
                 return
             self._closed = True
             self._supervisor.stop()
-            sessions = [session for session in (self._opening, self._session) if session is not None]
+            sessions = [each for each in (self._opening, self._session) if each is not None]
             if self._session is not None:
                 self._set_state("closed", "")
         for session in sessions:
@@ -315,7 +315,6 @@ class Plant:
     def _give_up(self, reason: str) -> None:
         """The connection is lost and not tried anew: what waits for events ends."""
         self._lost_for_good = reason
-        self._queue.close()
         for watch in self._watching():
             watch._feed.close()
 

@@ -117,5 +117,8 @@ class Supervisor:
             return str(error)
         except _vzclient.Failure as failure:
             return "subscriptions could not be renewed: %s" % failure.args[0]
+        except Exception as error:  # for want of memory, descriptors or threads
+            _log.exception("an attempt to connect to %s failed", plant.host)
+            return "%s: %s" % (type(error).__name__, error)
         finally:
             plant._opening = None
