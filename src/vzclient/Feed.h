@@ -141,9 +141,10 @@ class CRoutes {
     // Driver name to list of tag names that some feed wants. New reference, or null with an error
     // set. Takes m_lock.
     PyObject* Watched();
-    // Ends the routes of a feed's token, or all that lead to it. Take m_lock.
+    // Whether some feed wants alarms. Takes m_lock.
+    bool AlarmsWatched();
+    // Ends all routes of a feed's token. Takes m_lock.
     void Drop(const CFeed* pFeed, uint32_t nToken);
-    void DropAll(const CFeed* pFeed);
 
     // Tells a changed value. bHere: to this route alone, else to all of the tag.
     void TellChange(CWatchedTag& tag, int64_t nTimeUs, bool bResynced, const SRoute* pOnly);
@@ -155,8 +156,5 @@ class CRoutes {
     std::mutex m_lock;
 
   private:
-    template <typename TWhich>
-    void DropThose(TWhich which);
-
     std::unordered_map<std::string, std::unique_ptr<CWatchedTag>> m_tags;  // by both names
 };

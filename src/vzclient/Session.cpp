@@ -297,7 +297,17 @@ CSession::~CSession() {
 
 void CSession::Join() {
     std::lock_guard<std::mutex> guard(m_joinLock);
-    if (m_receiver.joinable()) m_receiver.join();
+    if (!m_receiver.joinable()) return;
+    m_receiver.join();
+    // An operation ends soon, now that the session has; one that a signal's handler interrupts may
+    // wait for us. Then the destructor closes.
+    if (m_turnOf == std::this_thread::get_id()) return;
+    const std::unique_lock<std::timed_mutex> turn(m_turn, 5 * kTurnSlice);
+    if (!turn.owns_lock()) return;
+    std::lock_guard<std::mutex> end(m_endLock);
+    m_bOpen = false;
+    m_rcvSock.Close();
+    m_reqSock.Close();
 }
 
 int CSession::Connect(const char* szHost, ULONG nIp, const char* szUser, const char* szPassword,
@@ -537,6 +547,7 @@ CSession::EResult CSession::Watch(SDriver& driver, const std::vector<CWatchedTag
     }
     const int64_t nNowUs = NowUs();
     std::lock_guard<std::mutex> guard(m_pRoutes->m_lock);
+    if (m_bOver) return Ended(patience, false);  // a next session may have looked at the routes
     for (size_t i = 0; i < asked.size(); ++i) {
         CWatchedTag& tag = *tags[asked[i]];
         const WORD nId = ids[asked[i]];
@@ -561,6 +572,7 @@ CSession::EResult CSession::WatchAlarms(const SRoute* pRoute, bool bExisting, CP
     if (!LoadAlarmLists() || m_bUnreadBody) return Ended(patience, false);
     const int64_t nNowUs = NowUs();
     std::lock_guard<std::mutex> guard(m_pRoutes->m_lock);
+    if (m_bOver) return Ended(patience, false);  // as above
     m_alarmTexts = m_textList;
     m_alarmTags = m_tagList;
     for (const S2RtAlarm2& alarm : alarms) {

@@ -8,7 +8,8 @@ from typing import Any, Dict, Iterator, Optional, Sequence, Union
 
 from ..driver import Driver
 from ..errors import VzTimeoutError
-from ..types import Alarm, Change, Value
+from ..alarms import Alarm
+from ..types import Change, Value
 from ..watches import AlarmWatch, Watch
 from .options import CommandError, Options
 from .output import Writer, open_writer
