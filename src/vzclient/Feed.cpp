@@ -201,6 +201,11 @@ PyObject* CRoutes::Watched() {
     return dict;
 }
 
+bool CRoutes::AlarmsWatched() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return !m_alarmRoutes.empty();
+}
+
 void CRoutes::Drop(const CFeed* pFeed, uint32_t nToken) {
     std::lock_guard<std::mutex> guard(m_lock);
     const auto drop = [&](std::vector<SRoute>& routes) {

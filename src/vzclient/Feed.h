@@ -141,6 +141,8 @@ class CRoutes {
     // Driver name to list of tag names that some feed wants. New reference, or null with an error
     // set. Takes m_lock.
     PyObject* Watched();
+    // Whether some feed wants alarms. Takes m_lock.
+    bool AlarmsWatched();
     // Ends all routes of a feed's token. Takes m_lock.
     void Drop(const CFeed* pFeed, uint32_t nToken);
 

@@ -119,7 +119,7 @@ class CSession final : public CPlantConnection {
     // Asks the server for a sign of life.
     EResult Probe(CPatience& patience);
 
-    // Waits for the receive thread, after End.
+    // Waits for the receive thread, after End, and closes the connection.
     void Join();
 
     // Ends the session: whoever waits in it stops waiting. szNews is told unless it had ended.
@@ -139,7 +139,7 @@ class CSession final : public CPlantConnection {
     const CFrames& Frames() const { return m_frames; }
     CFeed* Trace() const { return m_pTrace.get(); }
     CFeed* News() const { return m_pNews.get(); }
-    CRoutes& Routes() const { return *m_pRoutes; }
+    const std::shared_ptr<CRoutes>& Routes() const { return m_pRoutes; }
 
   private:
     class CTurn;
