@@ -20,11 +20,12 @@ from .driver import Driver
 from .errors import (ConnectionLost, UnknownDriver, UnknownTag, ValueRejected, VzError,
                      VzTimeoutError)
 from .supervisor import Supervisor
-from .types import Alarm, Rights, State, Stats
+from .types import AlarmRecord, Rights, State, Stats
 from .watches import AlarmWatch, Subscription
 
 if TYPE_CHECKING:
-    from .tracer import Sink, Tracer
+    from .alarms import Alarm
+    from .tracer import Sink
     from .watches import _Events
 
 _log = logging.getLogger("vzclient.connection")
@@ -85,7 +86,6 @@ class Plant:
         self._news = cast(_vzclient.Feed, None)  # of the present session
         self._session = cast(_vzclient.Session, None)
         self._opening = None  # type: Optional[_vzclient.Session]
-        self._tracer = None  # type: Optional[Tracer]
         self._trace_feed = None  # type: Optional[_vzclient.Feed]
         self._drivers = {}  # type: Dict[str, Driver]
         self._facts = {}  # type: Dict[str, Tuple[int, int]]
@@ -101,6 +101,7 @@ class Plant:
         self._states = collections.deque()  # type: Deque[Tuple[str, State]]  # on their way
         self._dispatcher = Dispatcher(self, on_error)
         self._supervisor = Supervisor(self, reconnect, backoff, heartbeat)
+        self._tracer = None
         if trace is not None:
             from .tracer import Tracer
             self._trace_feed = _vzclient.Feed(self._routes, _TRACE_QUEUE, "oldest")
@@ -111,8 +112,9 @@ class Plant:
             self.close()
             raise
         if on_state is not None:
+            tell = on_state
             self._on_state = self._dispatcher.subscribe(
-                lambda number: on_state(self._take_state(number)), None)
+                lambda number: tell(self._take_state(number)), None)
         self._set_state("live", "")
         self._supervisor.start()
         _plants.add(self)
@@ -183,7 +185,7 @@ class Plant:
         self._watch_alarms(watch._feed, 0, existing)
         return watch
 
-    def on_alarm(self, function: Callable[[Alarm], Any], existing: bool = False,
+    def on_alarm(self, function: Callable[["Alarm"], Any], existing: bool = False,
                  on_error: Optional[Callable[[BaseException], Any]] = None) -> Subscription:
         """Call ``function(alarm)`` for each alarm; as ``Driver.on_change``."""
         subscription = self._subscription(function, on_error)
@@ -200,8 +202,9 @@ class Plant:
         except _vzclient.Failure as failure:
             raise self._error(failure, "subscribing to alarms") from None
 
-    def _alarm(self, record: Tuple[int, int, int, int, int, int, int, float, float, bool]) -> Alarm:
+    def _alarm(self, record: AlarmRecord) -> "Alarm":
         """The alarm of a record, with the texts of the session that it came from."""
+        from .alarms import Alarm
         time, event_time, tag, kind, group, level, status, value, limit, resynced = record
         texts = self._texts
         if texts is None or texts[0] is not self._session:
@@ -353,7 +356,8 @@ class Plant:
         kind, detail = failure.args
         where = "%s%s on %s" % (what, "" if driver is None else " of %r" % driver.name, self.host)
         if kind == "unknown":
-            return UnknownTag("%s: there is no %s; check the names" % (where, _list(detail)), detail)
+            return UnknownTag("%s: there is no %s; check the names" % (where, _list(detail)),
+                              detail)
         if kind == "rejected":
             return ValueRejected("%s: %r cannot take the value: %s; nothing was written"
                                  % (where, detail[0], detail[1]))
@@ -373,8 +377,9 @@ class Plant:
             return UnknownDriver("%s: the server has this driver no more" % where, (driver.name,))
         if self._closed:
             return ConnectionLost("%s: the plant is closed" % where)
+        state = "it ended just now" if self._state.name == "live" else self._state
         return ConnectionLost("%s: there is no connection (%s); check the server and the network"
-                              % (where, self._state))
+                              % (where, state))
 
 
 def _now() -> datetime:

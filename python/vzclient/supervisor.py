@@ -79,7 +79,7 @@ class Supervisor:
                 try:
                     plant._session.probe(plant.timeout)
                 except _vzclient.Failure:
-                    pass  # a failed probe ends the session, which is news; one without a turn is none
+                    pass  # it ended the session, which is news, or had no turn, which is none
 
     def _regain(self) -> bool:
         """Connect anew, however long it takes. False when the plant was closed meanwhile."""

@@ -16,6 +16,10 @@ Sink = Union[TextIO, Callable[[str], Any]]
 """Where the lines of a trace go: a text stream, or a function that gets each without its end."""
 
 
+def _printer(stream: TextIO) -> Callable[[str], Any]:
+    return lambda line: print(line, file=stream, flush=True)
+
+
 class Tracer:
     """Takes the bytes of the wire out of the plant's trace queue and prints them.
 
@@ -26,7 +30,7 @@ class Tracer:
         feed = plant._trace_feed
         assert feed is not None
         self._feed = feed
-        self._write = sink if callable(sink) else lambda line: print(line, file=sink, flush=True)
+        self._write = sink if callable(sink) else _printer(sink)
         self._decoder = Decoder(self._driver_name)
         self._plant = plant
         self._thread = threading.Thread(target=self._run, name="vzclient-trace", daemon=True)

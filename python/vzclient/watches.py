@@ -7,9 +7,10 @@ from typing import TYPE_CHECKING, Any, Callable, Deque, Generic, Iterator, Optio
 import _vzclient
 
 from .errors import ConnectionLost, VzTimeoutError
-from .types import Alarm, Change
+from .types import Change
 
 if TYPE_CHECKING:
+    from .alarms import Alarm
     from .plant import Plant
 
 _BATCH = 512  # events taken out of a queue at once
@@ -75,7 +76,7 @@ class _Events(Generic[Item]):
             self._plant._check_lost()
             return False
         if not events:
-            raise VzTimeoutError("nothing came from %s within %g s" % (self._plant.host, timeout))
+            raise VzTimeoutError("nothing came from %s within %s s" % (self._plant.host, timeout))
         self._batch.extend(events)
         return True
 
@@ -120,10 +121,10 @@ class Watch(_Events[Change]):
         return self
 
 
-class AlarmWatch(_Events[Alarm]):
+class AlarmWatch(_Events["Alarm"]):
     """Alarms, from ``Plant.alarms``: iterate over it, or ``get`` one at a time."""
 
-    def _item(self, event: Any) -> Alarm:
+    def _item(self, event: Any) -> "Alarm":
         return self._plant._alarm(event[1])
 
     def __enter__(self) -> "AlarmWatch":

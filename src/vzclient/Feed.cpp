@@ -181,17 +181,23 @@ bool CRoutes::AlarmsWatched() {
     return !m_alarmRoutes.empty();
 }
 
-void CRoutes::Drop(const CFeed* pFeed, uint32_t nToken) {
+template <typename TWhich>
+void CRoutes::DropThose(TWhich which) {
     std::lock_guard<std::mutex> guard(m_lock);
     const auto drop = [&](std::vector<SRoute>& routes) {
-        routes.erase(std::remove_if(routes.begin(), routes.end(),
-                                    [&](const SRoute& route) {
-                                        return route.pFeed.get() == pFeed && route.nToken == nToken;
-                                    }),
-                     routes.end());
+        routes.erase(std::remove_if(routes.begin(), routes.end(), which), routes.end());
     };
     for (auto& entry : m_tags) drop(entry.second->routes);
     drop(m_alarmRoutes);
+}
+
+void CRoutes::Drop(const CFeed* pFeed, uint32_t nToken) {
+    DropThose(
+        [&](const SRoute& route) { return route.pFeed.get() == pFeed && route.nToken == nToken; });
+}
+
+void CRoutes::DropAll(const CFeed* pFeed) {
+    DropThose([&](const SRoute& route) { return route.pFeed.get() == pFeed; });
 }
 
 void CRoutes::TellChange(CWatchedTag& tag, int64_t nTimeUs, bool bResynced, const SRoute* pOnly) {

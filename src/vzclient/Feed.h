@@ -137,8 +137,9 @@ class CRoutes {
     PyObject* Watched();
     // Whether some feed wants alarms. Takes m_lock.
     bool AlarmsWatched();
-    // Ends all routes of a feed's token. Takes m_lock.
+    // Ends the routes of a feed's token, or all that lead to it. Take m_lock.
     void Drop(const CFeed* pFeed, uint32_t nToken);
+    void DropAll(const CFeed* pFeed);
 
     // Tells a changed value. bHere: to this route alone, else to all of the tag.
     void TellChange(CWatchedTag& tag, int64_t nTimeUs, bool bResynced, const SRoute* pOnly);
@@ -150,5 +151,8 @@ class CRoutes {
     std::mutex m_lock;
 
   private:
+    template <typename TWhich>
+    void DropThose(TWhich which);
+
     std::unordered_map<std::string, std::unique_ptr<CWatchedTag>> m_tags;  // by both names
 };

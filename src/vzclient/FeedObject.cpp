@@ -160,7 +160,11 @@ void Dealloc(PyObject* self) {
 }
 
 void FeedDealloc(PyObject* self) {
-    PyObject* routes = static_cast<SFeedObject*>(static_cast<void*>(self))->routes;
+    auto* object = static_cast<SFeedObject*>(static_cast<void*>(self));
+    PyObject* routes = object->routes;
+    if (routes && object->nForks == Forks()) {  // nobody is left to read it
+        Held<CRoutes>(routes)->DropAll(object->pHeld->get());
+    }
     Dealloc<CFeed>(self);
     Py_XDECREF(routes);
 }

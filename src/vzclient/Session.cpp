@@ -56,7 +56,10 @@ class CReadValues {
             if (Complete() || nChunk - nPos < kCodeBytes) return false;
             const VARTYPE vt = CByteReader(pChunk + nPos, kCodeBytes).ReadU16();
             nPos += kCodeBytes;
-            m_driver.types[m_pIds[m_nNext++]].store(vt, std::memory_order_relaxed);
+            std::atomic<VARTYPE>& type = m_driver.types[m_pIds[m_nNext++]];
+            if (type.load(std::memory_order_relaxed) != vt) {
+                type.store(vt, std::memory_order_relaxed);
+            }
             if (vt == VT_ARRAY) {  // ends its chunk
                 XVariant array;
                 if (array.FromBuffer(pChunk + nPos - kCodeBytes, nChunk - nPos + kCodeBytes,
