@@ -2,7 +2,7 @@
 
 ::
 
-    async with vzclient.aio.connect("plant.local:8000", user="operator", password="secret") as plant:
+    async with vzclient.aio.connect("plant.local:8000", "operator", "secret") as plant:
         boiler = plant["Boiler"]
         print(await boiler.read("Temp", "Level"))
         async for change in boiler.watch("Temp"):

@@ -83,7 +83,7 @@ class Plant:
         self._queue = _vzclient.Feed(self._routes, queue, overflow)
         self._news = cast(_vzclient.Feed, None)  # of the present session
         self._session = cast(_vzclient.Session, None)
-        self._tracer = None  # type: Optional[Tracer]
+        self._tracer: Optional["Tracer"] = None
         self._trace_feed = None  # type: Optional[_vzclient.Feed]
         self._drivers = {}  # type: Dict[str, Driver]
         self._facts = {}  # type: Dict[str, Tuple[int, int]]
@@ -99,9 +99,9 @@ class Plant:
         self._dispatcher = Dispatcher(self, on_error)
         self._supervisor = Supervisor(self, reconnect, backoff, heartbeat)
         if trace is not None:
-            from .tracer import Tracer
+            from . import tracer
             self._trace_feed = _vzclient.Feed(self._routes, _TRACE_QUEUE, "oldest")
-            self._tracer = Tracer(self, trace)
+            self._tracer = tracer.Tracer(self, trace)
         try:
             self._adopt(login.open_session(self, self.timeout), None)
         except BaseException:
@@ -312,7 +312,8 @@ class Plant:
         kind, detail = failure.args
         where = "%s%s on %s" % (what, "" if driver is None else " of %r" % driver.name, self.host)
         if kind == "unknown":
-            return UnknownTag("%s: there is no %s; check the names" % (where, _list(detail)), detail)
+            return UnknownTag("%s: there is no %s; check the names"
+                              % (where, _list(detail)), detail)
         if kind == "rejected":
             return ValueRejected("%s: %r cannot take the value: %s; nothing was written"
                                  % (where, detail[0], detail[1]))

@@ -79,7 +79,7 @@ class Supervisor:
                 try:
                     plant._session.probe(plant.timeout)
                 except _vzclient.Failure:
-                    pass  # a failed probe ends the session, which is news; one without a turn is none
+                    pass  # what fails ends the session, which is news; without a turn there is none
 
     def _regain(self) -> bool:
         """Connect anew, however long it takes. False when the plant was closed meanwhile."""

@@ -18,7 +18,8 @@ if TYPE_CHECKING:
         time: datetime
         resynced: bool
 else:
-    from _vzclient import Change
+    import _vzclient
+    Change = _vzclient.Change
 
 Value = Union[None, bool, int, float, str, datetime]
 """What a tag can hold. None: the tag has no value."""

@@ -94,7 +94,7 @@ def parse_value(tag: str, text: str, present: Value) -> Value:
     elif isinstance(present, (int, float)):
         parsed = _number(text)
         wanted = "a number"
-        if parsed is None and isinstance(present, float):  # also a date beyond what a datetime holds
+        if parsed is None and isinstance(present, float):  # a date that no datetime can hold
             parsed = _moment(text)
     elif isinstance(present, datetime.datetime):
         parsed = _moment(text)
