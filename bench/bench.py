@@ -14,6 +14,7 @@ import platform
 
 import deliveries
 import many_tags
+import package
 import round_trips
 import sessions
 from clients import Floor
@@ -39,7 +40,8 @@ def measure(options, core, server_core):
             (Peers(options.programs) if options.peers else NoPeers()) as peers:
         for job in itertools.chain(round_trips.jobs(server, peers),
                                    deliveries.jobs(options.programs, server_core, peers),
-                                   sessions.jobs(server)):
+                                   sessions.jobs(server),
+                                   package.jobs(server, options.programs, server_core)):
             job.measure(options.rounds, options.seconds)
             jobs[job.name] = job.result()
         per_tag = many_tags.measure(server, Floor(server.port), options.programs, server_core,

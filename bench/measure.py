@@ -64,8 +64,8 @@ class Job:
     A side has seconds(count): what count operations cost. unit: "µs" of CPU for an operation,
     "/s" operations in a second, or another one, when seconds() gives figures in it.
     aim: (side, ratio): the module must take no more than ratio times what that side takes, for "/s"
-    no less; (None, figure): no more than the figure. count: operations of a round, for sides that
-    cannot repeat theirs at will; first: of the first trial to fill a round.
+    no less; (None, figure): no more than the figure, for "/s" no less. count: operations of a
+    round, for sides that cannot repeat theirs at will; first: of the first trial to fill a round.
     """
 
     def __init__(self, name, sides, aim=None, unit="µs", count=None, first=1):
@@ -107,10 +107,9 @@ class Job:
 
     def _met(self, result):
         side, limit = self._aim
-        if side is None:
-            return result["sides"]["module"]["median"] <= limit
-        ratio = result["ratios"][side]["median"]
-        return ratio >= limit if self.unit == "/s" else ratio <= limit
+        figure = result["ratios"][side] if side else result["sides"]["module"]
+        figure = figure["median"]
+        return figure >= limit if self.unit == "/s" else figure <= limit
 
     def result(self):
         """Figures of each side, and the module's as a multiple of them, formed round by round."""

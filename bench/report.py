@@ -13,7 +13,8 @@ PLOT = os.path.join(ROOT, "docs", "performance.svg")
 BEGIN, END = "<!-- begin of the table -->\n", "<!-- end of the table -->\n"
 
 OTHERS = {"plain": "plain Python", "redis": "redis-py, hiredis", "tango": "PyTango"}
-YARDSTICKS = {"floor": "floor", "cached": "floor, names made once", "ascii": "ASCII names"}
+YARDSTICKS = {"older": "VzDBAccess", "dict": "VzDBAccess, made a dict", "floor": "floor",
+              "cached": "floor, names made once", "ascii": "ASCII names"}
 HEAD = ["job", "unit", "module (min-max)", "against", "(min-max)", "ratio (min-max)", "aim", "met",
         *OTHERS.values()]
 
@@ -33,7 +34,8 @@ def spread(figures):
 def aim_text(job):
     aim = job["aim"]
     sign = "\u2265" if job["unit"] == "/s" else "\u2264"
-    return "%s %g" % (sign, aim["limit"]) + ("" if aim["side"] else " " + job["unit"])
+    return ("%s %s" % (sign, format(aim["limit"], ",")) +
+            ("" if aim["side"] else " " + job["unit"]))
 
 
 def row_of(name, job, side, first):

@@ -1,6 +1,6 @@
 """Native half of the package vzclient. Not for direct use."""
 
-from typing import Any, Dict, List, Optional, Tuple
+from typing import Any, Dict, List, Optional, Tuple, final
 
 from vzclient.types import Value
 
@@ -11,6 +11,7 @@ class Failure(Exception):
 
     args: Tuple[str, Any]
 
+@final
 class Change(Tuple[Any, ...]):
     """A new value of a tag, as a named tuple."""
 
@@ -23,11 +24,14 @@ class Change(Tuple[Any, ...]):
     time: Any
     resynced: bool
 
+@final
 class Routes:
     def __new__(cls) -> Routes: ...
     def watched(self) -> Dict[str, List[str]]: ...
+    def alarms_watched(self) -> bool: ...
     def drop(self, feed: Feed, token: int) -> None: ...
 
+@final
 class Feed:
     def __new__(cls, routes: Routes, capacity: int, overflow: str = ...) -> Feed: ...
     def take(self, timeout: Optional[float], limit: int) -> Optional[List[Tuple[int, Any]]]: ...
@@ -39,6 +43,7 @@ class Feed:
     def dropped(self) -> int: ...
     def __len__(self) -> int: ...
 
+@final
 class Session:
     def __new__(cls, routes: Routes, news: Feed, trace: Optional[Feed] = ...) -> Session: ...
     def connect(self, host: str, address: str, user: str, password: str,
@@ -61,6 +66,7 @@ class Session:
     @property
     def heard(self) -> float: ...
 
+@final
 class Driver:
     def read_one(self, name: str, timeout: float) -> Value: ...
     def read(self, names: Tuple[str, ...], timeout: float, skip: bool) -> Dict[str, Value]: ...

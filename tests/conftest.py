@@ -21,6 +21,7 @@ import pytest
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "python"))
 sys.path.insert(0, os.path.join(ROOT, "tests", "harness"))
+sys.path.append(os.path.join(ROOT, "build", "python"))  # what the package's Python half imports
 
 from cache import cache_folder  # noqa: E402
 from plants import SMALL_PLANT  # noqa: E402

@@ -16,14 +16,18 @@
 """
 
 import logging
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 from .driver import Driver
 from .errors import (ConnectError, ConnectionLost, LoginRefused, UnknownDriver, UnknownTag,
                      ValueRejected, VzError, VzTimeoutError, WriteDenied)
 from .plant import Plant, connect
-from .types import Alarm, Change, Rights, State, Stats
+from .types import Change, Rights, State, Stats
 from .watches import AlarmWatch, Subscription, Watch
+
+if TYPE_CHECKING:
+    from . import aio
+    from .alarms import Alarm
 
 __all__ = [
     "Alarm", "AlarmWatch", "Change", "ConnectError", "ConnectionLost", "Driver", "LoginRefused",
@@ -34,8 +38,10 @@ logging.getLogger(__name__).addHandler(logging.NullHandler())
 
 
 def __getattr__(name: str) -> Any:
-    """Load ``vzclient.aio`` when it is first used: asyncio is slow to import."""
+    """Load what is slow to import when it is first used."""
+    import importlib
     if name == "aio":
-        import importlib
         return importlib.import_module(".aio", __name__)
+    if name == "Alarm":
+        return importlib.import_module(".alarms", __name__).Alarm
     raise AttributeError("module %r has no attribute %r" % (__name__, name))

@@ -23,8 +23,9 @@ from typing import (Any, AsyncIterator, Awaitable, Callable, Deque, Dict, Genera
 from . import driver as _driver
 from . import plant as _plant
 from . import watches as _watches
+from .alarms import Alarm
 from .errors import ConnectionLost, VzTimeoutError
-from .types import Alarm, Change, Rights, State, Stats, Value
+from .types import Change, Rights, State, Stats, Value
 
 __all__ = ["AsyncAlarmWatch", "AsyncDriver", "AsyncPlant", "AsyncSubscription", "AsyncWatch",
            "connect"]
@@ -55,6 +56,7 @@ class _Requests:
     def __init__(self, host: str) -> None:
         self._host = host
         self._executor = ThreadPoolExecutor(1, "vzclient-aio")
+        self._closed = False
 
     async def run(self, call: Callable[[float], Result], timeout: float) -> Result:
         """``call(seconds)`` on the thread, with the seconds that are left when its turn comes.
@@ -62,6 +64,8 @@ class _Requests:
         VzTimeoutError when it is not done within ``timeout`` seconds.
         """
         deadline = time.monotonic() + timeout
+        if self._closed:
+            raise ConnectionLost("a request to %s: the plant is closed" % self._host)
         future = asyncio.wrap_future(self._executor.submit(
             lambda: call(max(deadline - time.monotonic(), 0.0))))
         if await _done(future, timeout):
@@ -70,6 +74,7 @@ class _Requests:
                              % (self._host, timeout))
 
     def close(self) -> None:
+        self._closed = True
         self._executor.shutdown(wait=False)
 
 
@@ -228,7 +233,7 @@ class AsyncDriver:
 class _AsyncEvents(Generic[Item]):
     """Events of a watch that is made when it is first used; an asynchronous context manager."""
 
-    def __init__(self, plant: AsyncPlant, make: Callable[[], "_watches._Events[Item]"],
+    def __init__(self, plant: AsyncPlant, make: "Callable[[], _watches._Events[Item]]",
                  timeout: Optional[float]) -> None:
         self._plant = plant
         self._make = make
@@ -237,11 +242,12 @@ class _AsyncEvents(Generic[Item]):
         self._batch = collections.deque()  # type: Deque[Any]
 
     async def _start(self) -> "_watches._Events[Item]":
-        watch = self._watch
-        if watch is None:
-            watch = self._watch = await self._plant._requests.run(
+        if self._watch is None:
+            watch = await self._plant._requests.run(
                 lambda _: self._make(), self._plant._plant.timeout)
-        return watch
+            self._watch = watch
+            return watch
+        return self._watch
 
     def __aiter__(self) -> AsyncIterator[Item]:
         return self

@@ -2,8 +2,9 @@
 
 import logging
 import threading
-from typing import TYPE_CHECKING, Any, Callable, Dict, Optional
+from typing import TYPE_CHECKING, Any, Callable, Dict, Optional, cast
 
+from .types import AlarmRecord
 from .watches import Subscription
 
 if TYPE_CHECKING:
@@ -68,8 +69,8 @@ class Dispatcher:
                 if subscription is None:  # cancelled meanwhile
                     continue
                 try:
-                    subscription._function(
-                        event if type(event) is not tuple else self._plant._alarm(event))
+                    subscription._function(self._plant._alarm(cast(AlarmRecord, event))
+                                           if type(event) is tuple else event)
                 except Exception as error:
                     self._report(subscription, error)
 

@@ -14,6 +14,7 @@ if TYPE_CHECKING:
 
 _CONNECTED, _REFUSED, _FAILED, _PROTOCOL = 0, -1, -2, -3
 _HELLO_BAD_HOST, _HELLO_REFUSED, _NOTIFY_REFUSED = 0x80070057, 0x80004005, 1244
+_SLICE = 0.2  # seconds after which a wait looks whether the plant was closed
 _QUAD = re.compile(r"\d+\.\d+\.\d+\.\d+\Z")
 
 
@@ -21,9 +22,10 @@ def open_session(plant: "Plant", timeout: float) -> _vzclient.Session:
     """A connected session. Raises ConnectError, LoginRefused or VzTimeoutError."""
     deadline = time.monotonic() + timeout
     what = "connecting to %s as %r" % (plant.host, plant.user)
-    address = _address(plant.host, timeout)
+    address = _address(plant, deadline)
     news = _vzclient.Feed(plant._routes, 16, "oldest")
     session = _vzclient.Session(plant._routes, news, plant._trace_feed)
+    plant._opens(session)
     if plant._trace_feed is not None:
         plant._trace_feed.news("+%.6f" % time.time())
     try:
@@ -50,13 +52,13 @@ def open_session(plant: "Plant", timeout: float) -> _vzclient.Session:
                        "runs and that host and port are right" % what)
 
 
-def _address(host: str, timeout: float) -> str:
+def _address(plant: "Plant", deadline: float) -> str:
     """The dotted quad of a host text's host, empty when there is nothing to look up.
 
     The look-up may take longer than anybody wants to wait, and cannot be interrupted: so it has a
     thread of its own.
     """
-    name = host
+    name = host = plant.host
     colon = host.rfind(":")
     if colon > 0:
         name = host[:colon]
@@ -74,10 +76,11 @@ def _address(host: str, timeout: float) -> str:
 
     thread = threading.Thread(target=look_up, name="vzclient-lookup", daemon=True)
     thread.start()
-    thread.join(timeout)
+    while thread.is_alive() and not plant._closed and time.monotonic() < deadline:
+        thread.join(min(_SLICE, max(deadline - time.monotonic(), 0.0)))
     if not found:
-        raise VzTimeoutError("connecting to %s: its address was not found within %g s; check the "
-                             "name service" % (host, timeout))
+        raise VzTimeoutError("connecting to %s: its address was not found in time; check the name "
+                             "service" % host)
     if found[0] is None:
         raise ConnectError("connecting to %s: there is no host %r; check the name" % (host, name))
     return found[0]

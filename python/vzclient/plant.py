@@ -2,6 +2,7 @@
 
 import atexit
 import collections
+import itertools
 import logging
 import os
 import threading
@@ -19,11 +20,12 @@ from .driver import Driver
 from .errors import (ConnectionLost, UnknownDriver, UnknownTag, ValueRejected, VzError,
                      VzTimeoutError)
 from .supervisor import Supervisor
-from .types import Alarm, Rights, State, Stats
+from .types import AlarmRecord, Rights, State, Stats
 from .watches import AlarmWatch, Subscription
 
 if TYPE_CHECKING:
-    from .tracer import Sink, Tracer
+    from .alarms import Alarm
+    from .tracer import Sink
     from .watches import _Events
 
 _log = logging.getLogger("vzclient.connection")
@@ -83,34 +85,36 @@ class Plant:
         self._queue = _vzclient.Feed(self._routes, queue, overflow)
         self._news = cast(_vzclient.Feed, None)  # of the present session
         self._session = cast(_vzclient.Session, None)
-        self._tracer: Optional["Tracer"] = None
+        self._opening = None  # type: Optional[_vzclient.Session]
         self._trace_feed = None  # type: Optional[_vzclient.Feed]
         self._drivers = {}  # type: Dict[str, Driver]
         self._facts = {}  # type: Dict[str, Tuple[int, int]]
-        self._watches = weakref.WeakSet()  # type: weakref.WeakSet[_Events[Any]]
-        self._alarms = False
+        # By id. Not a WeakSet: those that go while others look through it would break that.
+        self._watches = {}  # type: Dict[int, weakref.ref[_Events[Any]]]
         self._texts = None  # type: Optional[Tuple[_vzclient.Session, Tuple[List[str], List[str]]]]
         self._counts = collections.Counter()  # type: Dict[str, int]
         self._closed = False
         self._lost_for_good = ""
         self._state = State("connecting", _now(), None, "")
         self._on_state = None  # type: Optional[Subscription]
-        self._states = collections.deque()  # type: Deque[State]
+        self._state_numbers = itertools.count()
+        self._states = collections.deque()  # type: Deque[Tuple[str, State]]  # on their way
         self._dispatcher = Dispatcher(self, on_error)
         self._supervisor = Supervisor(self, reconnect, backoff, heartbeat)
+        self._tracer = None
         if trace is not None:
             from . import tracer
             self._trace_feed = _vzclient.Feed(self._routes, _TRACE_QUEUE, "oldest")
             self._tracer = tracer.Tracer(self, trace)
         try:
-            self._adopt(login.open_session(self, self.timeout), None)
+            self._adopt(login.open_session(self, self.timeout))
         except BaseException:
             self.close()
             raise
         if on_state is not None:
             tell = on_state
             self._on_state = self._dispatcher.subscribe(
-                lambda _: tell(self._states.popleft()), None)
+                lambda number: tell(self._take_state(number)), None)
         self._set_state("live", "")
         self._supervisor.start()
         _plants.add(self)
@@ -120,11 +124,13 @@ class Plant:
     @property
     def project(self) -> str:
         """Name of the project that the server runs."""
+        self._check_process()
         return self._session.project
 
     @property
     def rights(self) -> Rights:
         """What the user may do."""
+        self._check_process()
         return Rights(self._session.rights)
 
     @property
@@ -144,6 +150,7 @@ class Plant:
     @property
     def state(self) -> State:
         """How the connection is now."""
+        self._check_process()
         state = self._state
         if state.name in ("live", "stale"):
             state = state._replace(last_heard=self._heard())
@@ -152,10 +159,11 @@ class Plant:
     @property
     def stats(self) -> Stats:
         """Counters since ``connect``."""
+        self._check_process()
         counts = dict(self._counts)
         for name, count in self._session.counts().items():
             counts[name] = counts.get(name, 0) + count
-        feeds = [self._queue] + [watch._feed for watch in list(self._watches)]
+        feeds = [self._queue] + [watch._feed for watch in self._watching()]
         counts["dropped"] = counts.get("dropped", 0) + sum(feed.dropped for feed in feeds)
         return Stats(callback_errors=self._dispatcher.errors,
                      reconnects=self._supervisor.reconnects, **counts)
@@ -177,7 +185,7 @@ class Plant:
         self._watch_alarms(watch._feed, 0, existing)
         return watch
 
-    def on_alarm(self, function: Callable[[Alarm], Any], existing: bool = False,
+    def on_alarm(self, function: Callable[["Alarm"], Any], existing: bool = False,
                  on_error: Optional[Callable[[BaseException], Any]] = None) -> Subscription:
         """Call ``function(alarm)`` for each alarm; as ``Driver.on_change``."""
         subscription = self._subscription(function, on_error)
@@ -189,14 +197,14 @@ class Plant:
         return subscription
 
     def _watch_alarms(self, feed: _vzclient.Feed, token: int, existing: bool) -> None:
-        self._alarms = True
         try:
             self._session.watch_alarms(feed, token, existing, self.timeout)
         except _vzclient.Failure as failure:
             raise self._error(failure, "subscribing to alarms") from None
 
-    def _alarm(self, record: Tuple[Any, ...]) -> Alarm:
+    def _alarm(self, record: AlarmRecord) -> "Alarm":
         """The alarm of a record, with the texts of the session that it came from."""
+        from .alarms import Alarm
         time, event_time, tag, kind, group, level, status, value, limit, resynced = record
         texts = self._texts
         if texts is None or texts[0] is not self._session:
@@ -212,20 +220,25 @@ class Plant:
 
         May be called from anywhere, also within a callback.
         """
+        if self._forked():  # whoever held the lock is not there to give it back
+            return
         with self._lock:
-            if self._closed or os.getpid() != self._process:
+            if self._closed:
                 return
             self._closed = True
-        self._supervisor.stop()
-        if self._session is not None:
-            self._set_state("closed", "")
-            self._session.end("closed")
-            self._session.join()
+            self._supervisor.stop()
+            sessions = [each for each in (self._opening, self._session) if each is not None]
+            if self._session is not None:
+                self._set_state("closed", "")
+        for session in sessions:
+            session.end("closed")
         self._queue.close()
-        for watch in list(self._watches):
+        for watch in self._watching():
             watch.close()
         if self._supervisor._thread.is_alive():
             self._supervisor.join(_CLOSE_WAIT)
+        if self._session is not None:
+            self._session.join()
         self._dispatcher.join(_CLOSE_WAIT)
         if self._tracer is not None:
             self._tracer.close(_CLOSE_WAIT)
@@ -238,7 +251,23 @@ class Plant:
 
     # ---- For the rest of the package ------------------------------------------------------------
 
-    def _adopt(self, session: _vzclient.Session, closing: Optional[threading.Event]) -> None:
+    def _forked(self) -> bool:
+        """Whether this process was forked off the one that connected."""
+        return os.getpid() != self._process
+
+    def _check_process(self) -> None:
+        if self._forked():
+            raise VzError("using %s: the plant was connected before a fork; connect anew in the "
+                          "child" % self.host)
+
+    def _opens(self, session: _vzclient.Session) -> None:
+        """A session is about to connect; it is ended with the plant."""
+        with self._lock:
+            self._opening = session
+            if self._closed:
+                session.end("closed")
+
+    def _adopt(self, session: _vzclient.Session) -> None:
         """Make a connected session the plant's, all subscriptions renewed. Raises Failure."""
         self._facts = session.drivers()
         bound = {name: (session.driver(facts[0]), facts[1])
@@ -249,10 +278,10 @@ class Plant:
                 gone = bound[name][0].watch(self._routes, name, tuple(tags), None, 0, self.timeout)
             if gone:
                 _log.warning("%s has no more %s of driver %r", self.host, _list(gone), name)
-        if self._alarms:
+        if self._routes.alarms_watched():
             session.watch_alarms(None, 0, True, self.timeout)
         with self._lock:
-            if closing is not None and closing.is_set():
+            if self._closed:
                 session.end("closed")
             drivers = dict(self._drivers)
             for name, (native, tag_count) in bound.items():
@@ -272,8 +301,16 @@ class Plant:
             changed = self._state.name != name
             self._state = State(name, since, heard, reason)
             if self._on_state is not None and changed:
-                self._states.append(self._state)
-                self._queue.news("state", self._on_state._token)
+                number = str(next(self._state_numbers))
+                self._states.append((number, self._state))
+                self._queue.news(number, self._on_state._token)
+
+    def _take_state(self, number: str) -> State:
+        """The state of that number; those before it were displaced in the queue."""
+        while True:
+            found, state = self._states.popleft()
+            if found == number:
+                return state
 
     def _heard(self) -> Optional[datetime]:
         return _local(self._session.heard)
@@ -281,8 +318,7 @@ class Plant:
     def _give_up(self, reason: str) -> None:
         """The connection is lost and not tried anew: what waits for events ends."""
         self._lost_for_good = reason
-        self._queue.close()
-        for watch in list(self._watches):
+        for watch in self._watching():
             watch._feed.close()
 
     def _check_lost(self) -> None:
@@ -292,6 +328,7 @@ class Plant:
 
     def _subscription(self, function: Callable[[Any], Any],
                       on_error: Optional[Callable[[BaseException], Any]]) -> Subscription:
+        self._check_process()
         return self._dispatcher.subscribe(function, on_error)
 
     def _is_active(self, subscription: Subscription) -> bool:
@@ -299,12 +336,19 @@ class Plant:
 
     def _cancel(self, subscription: Subscription) -> None:
         self._dispatcher.cancel(subscription)
-        self._routes.drop(self._queue, subscription._token)
+        if not self._forked():
+            self._routes.drop(self._queue, subscription._token)
+
+    def _watching(self) -> "List[_Events[Any]]":
+        """The watches that are not closed."""
+        found = [reference() for reference in list(self._watches.values())]
+        return [watch for watch in found if watch is not None]
 
     def _drop(self, watch: "_Events[Any]") -> None:
         self._routes.drop(watch._feed, 0)
-        self._counts["dropped"] += watch._feed.dropped
-        self._watches.discard(watch)
+        with self._lock:
+            self._counts["dropped"] += watch._feed.dropped
+        self._watches.pop(id(watch), None)
 
     def _error(self, failure: _vzclient.Failure, what: str,
                driver: Optional[Driver] = None) -> VzError:
@@ -312,8 +356,8 @@ class Plant:
         kind, detail = failure.args
         where = "%s%s on %s" % (what, "" if driver is None else " of %r" % driver.name, self.host)
         if kind == "unknown":
-            return UnknownTag("%s: there is no %s; check the names"
-                              % (where, _list(detail)), detail)
+            return UnknownTag("%s: there is no %s; check the names" % (where, _list(detail)),
+                              detail)
         if kind == "rejected":
             return ValueRejected("%s: %r cannot take the value: %s; nothing was written"
                                  % (where, detail[0], detail[1]))
@@ -333,8 +377,9 @@ class Plant:
             return UnknownDriver("%s: the server has this driver no more" % where, (driver.name,))
         if self._closed:
             return ConnectionLost("%s: the plant is closed" % where)
+        state = "it ended just now" if self._state.name == "live" else self._state
         return ConnectionLost("%s: there is no connection (%s); check the server and the network"
-                              % (where, self._state))
+                              % (where, state))
 
 
 def _now() -> datetime:

@@ -79,7 +79,7 @@ class Supervisor:
                 try:
                     plant._session.probe(plant.timeout)
                 except _vzclient.Failure:
-                    pass  # what fails ends the session, which is news; without a turn there is none
+                    pass  # it ended the session, which is news, or had no turn, which is none
 
     def _regain(self) -> bool:
         """Connect anew, however long it takes. False when the plant was closed meanwhile."""
@@ -104,14 +104,21 @@ class Supervisor:
         plant = self._plant
         try:
             session = login.open_session(plant, plant.timeout)
+            try:
+                plant._adopt(session)
+                return None
+            except BaseException:
+                session.end("subscriptions could not be renewed")
+                session.join()
+                raise
         except LoginRefused as error:
             return "refused: %s" % error
         except VzError as error:
             return str(error)
-        try:
-            plant._adopt(session, self._closing)
-            return None
         except _vzclient.Failure as failure:
-            session.end("subscriptions could not be renewed")
-            session.join()
             return "subscriptions could not be renewed: %s" % failure.args[0]
+        except Exception as error:  # for want of memory, descriptors or threads
+            _log.exception("an attempt to connect to %s failed", plant.host)
+            return "%s: %s" % (type(error).__name__, error)
+        finally:
+            plant._opening = None

@@ -27,6 +27,10 @@ def lines_of(decoder: Decoder, event: Any) -> Iterator[str]:
         yield from decoder.feed(when, "notify" if notify else "request", ">" if sent else "<", data)
 
 
+def _printer(stream: TextIO) -> Callable[[str], Any]:
+    return lambda line: print(line, file=stream, flush=True)
+
+
 class Tracer:
     """Takes the bytes of the wire out of the plant's trace queue and prints them.
 
@@ -37,11 +41,7 @@ class Tracer:
         feed = plant._trace_feed
         assert feed is not None
         self._feed = feed
-        if callable(sink):
-            self._write = sink
-        else:
-            stream = sink
-            self._write = lambda line: print(line, file=stream, flush=True)
+        self._write = sink if callable(sink) else _printer(sink)
         self._decoder = Decoder(self._driver_name)
         self._plant = plant
         self._thread = threading.Thread(target=self._run, name="vzclient-trace", daemon=True)

@@ -1,9 +1,8 @@
 """The records that this package gives out."""
 
 import enum
-from dataclasses import dataclass
 from datetime import datetime
-from typing import TYPE_CHECKING, NamedTuple, Optional, Union
+from typing import TYPE_CHECKING, NamedTuple, Optional, Tuple, Union
 
 if TYPE_CHECKING:
     class Change(NamedTuple):
@@ -18,11 +17,14 @@ if TYPE_CHECKING:
         time: datetime
         resynced: bool
 else:
-    import _vzclient
-    Change = _vzclient.Change
+    from _vzclient import Change  # noqa: F401
 
 Value = Union[None, bool, int, float, str, datetime]
 """What a tag can hold. None: the tag has no value."""
+
+
+AlarmRecord = Tuple[int, int, int, int, int, int, int, float, float, bool]
+"""An alarm as the native half gives it: times, indices of texts, level, status, value, limit."""
 
 
 class Rights(enum.IntFlag):
@@ -50,30 +52,7 @@ class State(NamedTuple):
         return "%s (%s)" % (self.name, self.reason) if self.reason else self.name
 
 
-@dataclass(frozen=True)
-class Alarm:
-    """An alarm: when and where, its kind, group and level, the value and the limit it crossed.
-
-    ``time`` is the alarm's, ``event_time`` that of the event it belongs to, if any: aware datetimes
-    in local time. ``tag``, ``kind`` and ``group`` are texts of the project, "???" where it has
-    none. ``level`` and ``status`` are numbers from 0 to 255. ``resynced``: it was active when the
-    connection was regained, and may have been told before.
-    """
-
-    time: datetime
-    event_time: Optional[datetime]
-    tag: str
-    kind: str
-    group: str
-    level: int
-    value: float
-    limit: float
-    status: int
-    resynced: bool = False
-
-
-@dataclass(frozen=True)
-class Stats:
+class Stats(NamedTuple):
     """What a plant has seen so far, over all its connections.
 
     ``dropped`` counts events that were displaced in full queues, ``unusable_frames`` the times

@@ -1,14 +1,16 @@
 """What tells of changes and alarms: watches to iterate over, subscriptions that call functions."""
 
 import collections
+import weakref
 from typing import TYPE_CHECKING, Any, Callable, Deque, Generic, Iterator, Optional, TypeVar
 
 import _vzclient
 
 from .errors import ConnectionLost, VzTimeoutError
-from .types import Alarm, Change
+from .types import Change
 
 if TYPE_CHECKING:
+    from .alarms import Alarm
     from .plant import Plant
 
 _BATCH = 512  # events taken out of a queue at once
@@ -18,17 +20,21 @@ Item = TypeVar("Item")
 class _Events(Generic[Item]):
     """A queue of events to iterate over; a context manager that closes it.
 
-    One watch may be read by several threads; each event goes to one of them.
+    One watch may be read by several threads; each event goes to one of them. A watch that nobody
+    holds any more is closed.
     """
+
+    _closed = True  # until there is something to close
 
     def __init__(self, plant: "Plant", queue: int, overflow: str,
                  timeout: Optional[float]) -> None:
+        plant._check_process()
         self._plant = plant
         self._feed = _vzclient.Feed(plant._routes, queue, overflow)
         self._timeout = timeout
         self._batch = collections.deque()  # type: Deque[Any]
         self._closed = False
-        plant._watches.add(self)
+        plant._watches[id(self)] = weakref.ref(self)
 
     def _item(self, event: Any) -> Item:
         raise NotImplementedError
@@ -64,32 +70,38 @@ class _Events(Generic[Item]):
             return True
         if self._closed:
             return False
+        self._plant._check_process()
         events = self._feed.take(timeout, _BATCH)
         if events is None:
             self._plant._check_lost()
             return False
         if not events:
-            assert timeout is not None
-            raise VzTimeoutError("nothing came from %s within %g s" % (self._plant.host, timeout))
+            raise VzTimeoutError("nothing came from %s within %s s" % (self._plant.host, timeout))
         self._batch.extend(events)
         return True
 
     @property
     def dropped(self) -> int:
         """How many events were displaced because the queue was full."""
+        self._plant._check_process()
         return self._feed.dropped
 
     @property
     def waiting(self) -> int:
         """How many events wait to be taken."""
+        self._plant._check_process()
         return len(self._feed) + len(self._batch)
 
     def close(self) -> None:
         """End the watch, also while another thread waits in it. The server goes on sending."""
-        if not self._closed:
+        if not self._closed and not self._plant._forked():
             self._closed = True
             self._plant._drop(self)
             self._feed.close()
+            self._batch.clear()
+
+    def __del__(self) -> None:
+        self.close()
 
     def __enter__(self) -> Any:
         return self
@@ -109,10 +121,10 @@ class Watch(_Events[Change]):
         return self
 
 
-class AlarmWatch(_Events[Alarm]):
+class AlarmWatch(_Events["Alarm"]):
     """Alarms, from ``Plant.alarms``: iterate over it, or ``get`` one at a time."""
 
-    def _item(self, event: Any) -> Alarm:
+    def _item(self, event: Any) -> "Alarm":
         return self._plant._alarm(event[1])
 
     def __enter__(self) -> "AlarmWatch":

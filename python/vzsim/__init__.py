@@ -7,12 +7,16 @@
 
     with SimProcess("boiler_house") as sim:
         sim.fault("H", "delay", seconds=0.5)
-        print(sim.port, sim.get_value("Boiler", "Steam pressure"))
+        print(sim.address, sim.get_value("Boiler", "Steam pressure"))
+
+``vzsim.pytest_plugin`` gives plants to pytest suites.
 """
 
 from .operations import Operations
 from .plantfile import PlantError
+from .plantfile import table as read_plant
 from .process import SimProcess
+from .scenarios import ramp
 from .simulator import Simulator
 
-__all__ = ["Operations", "PlantError", "SimProcess", "Simulator"]
+__all__ = ["Operations", "PlantError", "SimProcess", "Simulator", "ramp", "read_plant"]

@@ -27,6 +27,7 @@ class Channel(abc.ABC):
         self._timer = None  # type: Optional[asyncio.TimerHandle]
         self._writing = False
         self._held = False
+        self._muted = False
         self.queued = 0  # bytes in the queue
         sock.setblocking(False)
         sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
@@ -70,6 +71,16 @@ class Channel(abc.ABC):
         self._held = False
         self._pump()
 
+    def mute(self) -> None:
+        """Send nothing more until ``unmute``; what is queued and comes to it waits."""
+        self._muted = True
+
+    def unmute(self) -> None:
+        """Send what has waited, and go on."""
+        self._muted = False
+        self._pump()
+        self._progress()
+
     def drop_queue(self) -> None:
         """Forget what has not been sent."""
         self._queue.clear()
@@ -77,8 +88,8 @@ class Channel(abc.ABC):
 
     def _pump(self) -> None:
         # A step that is a function may itself send, hold or close, so all is asked every time.
-        while (self._queue and self.sock is not None and not self._held and not self._writing
-               and self._timer is None):
+        while (self._queue and self.sock is not None and not self._held and not self._muted
+               and not self._writing and self._timer is None):
             step = self._queue.popleft()
             if isinstance(step, (bytes, memoryview)):
                 self.queued -= len(step)
@@ -184,38 +195,79 @@ def finish(loop: asyncio.AbstractEventLoop) -> None:
     loop.close()
 
 
-def listen(host: str, port: int) -> socket.socket:
-    """A listening socket; OSError when the address cannot be used."""
+def _bound(host: str, port: int) -> socket.socket:
+    """A socket bound to the address; OSError when it cannot be had."""
     sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     try:
-        sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        _share(sock, True)
         sock.bind((host, port))
-        sock.listen(512)
-        sock.setblocking(False)
-    except OSError:
+    except (OSError, OverflowError):
         sock.close()
         raise
     return sock
 
 
-class Listener:
-    """Accepts connections and hands each socket to ``accepted``."""
+def _share(sock: socket.socket, on: bool) -> None:
+    """Let others of this kind have the same port, or nobody."""
+    sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1 if on else 0)
 
-    def __init__(self, loop: asyncio.AbstractEventLoop, sock: socket.socket,
+
+class Port:
+    """A TCP port: listens, or refuses connections, and stays ours until ``close``.
+
+    A second socket, which never listens, holds it. Without that another program could have the
+    port while it does not listen, even a client that tries it again and again: the system would
+    once choose it for the client's own end, which then is connected to itself.
+
+    OSError when the address cannot be used. ``accepted`` is called with each new socket.
+    """
+
+    def __init__(self, loop: asyncio.AbstractEventLoop, host: str, port: int,
                  accepted: Callable[[socket.socket], Any]) -> None:
-        self._loop, self._sock, self._accepted = loop, sock, accepted
-        self.port = sock.getsockname()[1]
-        loop.add_reader(sock, self._readable)
+        self._loop, self._host, self._accepted = loop, host, accepted
+        self._holder = _bound(host, port)
+        self._listener = None  # type: Optional[socket.socket]
+        self.number = self._holder.getsockname()[1]
+
+    @property
+    def listening(self) -> bool:
+        """Whether connections are accepted."""
+        return self._listener is not None
+
+    def listen(self) -> None:
+        """Accept connections from now on."""
+        if self._listener is not None:
+            return
+        _share(self._holder, True)
+        sock = _bound(self._host, self.number)
+        try:
+            sock.listen(512)
+        except OSError:
+            sock.close()
+            raise
+        sock.setblocking(False)
+        self._listener = sock
+        self._loop.add_reader(sock, self._readable)
+
+    def refuse(self) -> None:
+        """Refuse connections from now on; those not accepted yet are reset."""
+        sock, self._listener = self._listener, None
+        if sock is not None:
+            self._loop.remove_reader(sock)
+            sock.close()
+            _share(self._holder, False)
 
     def _readable(self) -> None:
         for _ in range(64):
+            if self._listener is None:
+                return
             try:
-                sock, _ = self._sock.accept()
+                sock, _ = self._listener.accept()
             except OSError:
                 return
             self._accepted(sock)
 
     def close(self) -> None:
-        """Stop listening."""
-        self._loop.remove_reader(self._sock)
-        self._sock.close()
+        """Give the port up."""
+        self.refuse()
+        self._holder.close()

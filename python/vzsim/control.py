@@ -12,9 +12,10 @@ import threading
 from typing import Any, IO
 
 from .controller import Controller
+from .plantfile import PlantError
 
 ERRORS = {kind.__name__: kind for kind in (
-    ValueError, KeyError, TimeoutError, OSError, TypeError, RuntimeError)}
+    PlantError, ValueError, KeyError, TimeoutError, OSError, TypeError, RuntimeError)}
 
 
 def pack(value: Any) -> Any:

@@ -1,17 +1,21 @@
 """Carries out the operations on a server, on the thread of its loop."""
 
 import asyncio
+import math
 import time
-from typing import Any, Callable, List, Optional, Sequence
+from typing import Any, Callable, Dict, List, Optional, Sequence, Tuple
 
-from . import faults, files, frames, values
+from . import faults, files, frames, plantfile, values
+from .plant import Tag
 from .server import Connection, Server
 
 OPERATIONS = (
     "requests", "wait_requests", "client_count", "wait_clients", "get_value", "set_value", "step",
     "set_rights", "set_file", "remove_file", "set_login", "clear_login", "push_raw",
     "push_change", "push_series", "raise_alarm", "clear_alarms", "drop_clients", "set_listening",
-    "fault", "clear_faults")
+    "fault", "clear_faults", "begin_outage", "end_outage", "replace", "begin_silence",
+    "end_silence", "play", "begin_play", "end_play", "burst", "push_cut", "begin_alarm",
+    "end_alarm")
 
 
 class Controller:
@@ -19,6 +23,8 @@ class Controller:
 
     def __init__(self, server: Server) -> None:
         self._server = server
+        self._plays = {}  # type: Dict[int, asyncio.Task[None]]
+        self._play_count = 0
 
     async def call(self, operation: str, arguments: Any) -> Any:
         """Carry out an operation by name; its exceptions pass through."""
@@ -125,10 +131,14 @@ class Controller:
             connection.send(*steps)
         return len(channels)
 
-    def push_change(self, driver: Any, tag: Any, value: Any) -> int:
+    def _pushable(self, driver: Any, tag: Any) -> Tag:
         found = self._server.plant.find(driver, tag)
         if not found.pushable:
             raise ValueError("a value of tag %s cannot be pushed" % found.name)
+        return found
+
+    def push_change(self, driver: Any, tag: Any, value: Any) -> int:
+        found = self._pushable(driver, tag)
         _, events = self._server.plant.write(found, value)
         frame = frames.change_frame(found.driver, found.index, found.payload)
         count = self._to_all(frames.pack_sends([frame]))
@@ -137,9 +147,7 @@ class Controller:
 
     def push_series(self, driver: Any, tag: Any, count: int, first: int, frames_per_send: int,
                     pause: float) -> int:
-        found = self._server.plant.find(driver, tag)
-        if not found.pushable:
-            raise ValueError("a value of tag %s cannot be pushed" % found.name)
+        found = self._pushable(driver, tag)
         series = [frames.change_frame(
             found.driver, found.index,
             values.encode_payload(found.vt, values.coerce(found.vt, first + i)))
@@ -172,8 +180,7 @@ class Controller:
 
     def drop_clients(self, kind: str, channel: Optional[str]) -> int:
         _check_channel(channel)
-        if kind not in ("close", "reset"):
-            raise ValueError("kind must be close or reset")
+        _check_kind(kind)
         channels = self._channels(channel)
         for connection in channels:
             connection.close(kind)
@@ -189,6 +196,130 @@ class Controller:
 
     def clear_faults(self) -> None:
         self._server.faults.clear()
+
+    # ---- scenarios ----------------------------------------------------------------------------
+
+    def begin_outage(self, kind: str) -> None:
+        _check_kind(kind)
+        if not self._server.listening:
+            raise RuntimeError("the server is away already")
+        self._server.unlisten()
+        self._server.drop(kind)
+
+    def end_outage(self) -> None:
+        self._server.listen()
+
+    def replace(self, plant: Dict[str, Any]) -> str:
+        self._server.replace(plantfile.load(plant))
+        return self._server.plant.layout.name
+
+    def begin_silence(self) -> None:
+        if self._server.silent:
+            raise RuntimeError("the server is silent already")
+        self._server.set_silent(True)
+
+    def end_silence(self) -> None:
+        self._server.set_silent(False)
+
+    async def play(self, steps: Sequence[Any]) -> None:
+        await self._play(self._checked(steps), False)
+
+    def begin_play(self, steps: Sequence[Any], repeat: bool) -> int:
+        checked = self._checked(steps)
+        if repeat and not sum(seconds for _, _, seconds in checked) > 0:
+            raise ValueError("what is repeated must take some time")
+        self._play_count += 1
+        self._plays[self._play_count] = self._server.loop.create_task(self._play(checked, repeat))
+        return self._play_count
+
+    async def end_play(self, number: int) -> None:
+        task = self._plays.pop(number)
+        task.cancel()
+        try:
+            await task
+        except asyncio.CancelledError:
+            pass
+
+    def _checked(self, steps: Sequence[Any]) -> List[Tuple[Any, Any, float]]:
+        """The steps, when each names a tag, a value it can hold and a time; else an error."""
+        checked = []
+        for place, value, seconds in steps:
+            self._at(place).writable(value)
+            if not 0 <= seconds < math.inf:
+                raise ValueError("%r is no time in seconds" % (seconds,))
+            checked.append((place, value, float(seconds)))
+        return checked
+
+    def _at(self, place: Any) -> Tag:
+        """The tag of "Driver/Tag" or of (driver, tag)."""
+        if isinstance(place, str):
+            driver, _, tag = place.rpartition("/")
+            return self._server.plant.find(driver, tag)
+        driver, tag = place
+        return self._server.plant.find(driver, tag)
+
+    async def _play(self, steps: Sequence[Tuple[Any, Any, float]], repeat: bool) -> None:
+        due = self._server.loop.time()
+        while True:
+            for place, value, seconds in steps:
+                tag = self._at(place)  # anew: the plant may have been replaced
+                self.set_value(tag.driver, tag.index, value, True)
+                due += seconds
+                await asyncio.sleep(max(due - self._server.loop.time(), 0.0))
+            if not repeat:
+                return
+
+    def burst(self, driver: Any, tag: Any, values: Sequence[Any], pause: float) -> int:
+        found, changes = self._changes(driver, tag, values)
+        steps = []  # type: List[Any]
+        for send in frames.pack_sends(changes):
+            if steps and pause > 0:
+                steps.append(float(pause))
+            steps.append(send)
+        return self._to_subscribers(found, values[-1], steps)
+
+    def push_cut(self, driver: Any, tag: Any, values: Sequence[Any], cuts: Sequence[int],
+                 pause: float) -> int:
+        found, changes = self._changes(driver, tag, values)
+        data = b"".join(changes)
+        bounds = [0] + list(cuts) + [len(data)]
+        if any(left >= right for left, right in zip(bounds, bounds[1:])):
+            raise ValueError("cuts must rise and lie inside the %d bytes" % len(data))
+        sizes = [right - left for left, right in zip(bounds, bounds[1:])]
+        return self._to_subscribers(found, values[-1], faults.split(data, sizes, pause))
+
+    def _changes(self, driver: Any, tag: Any, values: Sequence[Any]) -> Tuple[Tag, List[bytes]]:
+        """The tag and a frame for each of its new values."""
+        found = self._pushable(driver, tag)
+        if not values:
+            raise ValueError("no values")
+        return found, [frames.change_frame(found.driver, found.index, found.suited(value)[1])
+                       for value in values]
+
+    def _to_subscribers(self, tag: Tag, last: Any, steps: Sequence[Any]) -> int:
+        """Set the tag to its last value, and send the steps to those that have subscribed it."""
+        _, events = self._server.plant.write(tag, last, hold=True)
+        channels = [c for c in self._server.notify_channels()
+                    if c.session and (tag.driver, tag.index) in c.session.tags]
+        for connection in channels:
+            connection.send(*steps)
+        self._server.push([], events)
+        return len(channels)
+
+    def begin_alarm(self, driver: Any, tag: Any, text: Optional[str]) -> None:
+        found = self._server.plant.find(driver, tag)
+        changed, events = self._server.plant.exceed(found, text)
+        self._server.push([found] if changed else [], events)
+
+    def end_alarm(self, driver: Any, tag: Any) -> None:
+        found = self._server.plant.find(driver, tag)
+        changed, events = self._server.plant.recover(found)
+        self._server.push([found] if changed else [], events)
+
+
+def _check_kind(kind: str) -> None:
+    if kind not in ("close", "reset"):
+        raise ValueError("kind must be close or reset")
 
 
 def _check_channel(channel: Optional[str]) -> None:

@@ -1,26 +1,19 @@
 """What a test may ask of a running simulator: one set of operations, in process or beside it."""
 
-import abc
-from typing import Any, List, Optional, Sequence, Tuple, Union
+from typing import Any, List, Optional, Sequence, Tuple
 
-TagKey = Union[int, str]
+from .scenarios import Scenarios, TagKey
+
 Request = Tuple[int, str, bytes]
 
 
-class Operations(abc.ABC):
+class Operations(Scenarios):
     """The operations of ``Simulator`` and ``SimProcess``; thread-safe, each waits for its end.
 
-    Drivers and tags are given by name or by id. Wrong arguments raise ValueError (KeyError for
-    unknown drivers, tags and users) and change nothing.
+    Outages, ramps and the like are in ``Scenarios``. Drivers and tags are given by name or by id.
+    Wrong arguments raise ValueError (KeyError for unknown drivers, tags and users) and change
+    nothing.
     """
-
-    host = ""  # address in use
-    port = 0   # port in use
-    name = ""  # the plant's name
-
-    @abc.abstractmethod
-    def _call(self, operation: str, **arguments: Any) -> Any:
-        """Carry an operation out and give its result."""
 
     # ---- what the clients did -----------------------------------------------------------------
 

@@ -1,5 +1,6 @@
 """A running plant: its drivers, tags, signals, alarms, users and files, without any network."""
 
+import math
 import os
 import time
 from typing import Any, Dict, List, NamedTuple, Optional, Tuple, Union
@@ -9,6 +10,8 @@ from . import files, frames, plantfile, signals, values
 MAY_WRITE = 8       # bit value of the rights word that allows writing
 RAISED, CLEARED = 1, 0          # status byte of an alarm
 RAISE_FRAME, CLEAR_FRAME = 1, 3  # notification frame types of an alarm
+
+_WHOLE = set(values.INT_RANGES) | {values.BOOL}
 
 Event = NamedTuple("Event", [("frame_type", int), ("alarm", frames.Alarm)])
 TagKey = Union[int, str]
@@ -25,10 +28,9 @@ class Limit:
     def check(self, value: float, now: int) -> Optional[Event]:
         """Compare a new value; returns the event when an alarm is raised or cleared."""
         layout = self.layout
-        beyond = value > layout.limit if layout.high else value < layout.limit
         inside = (value <= layout.limit - layout.hysteresis if layout.high
                   else value >= layout.limit + layout.hysteresis)
-        if self.active is None and beyond:
+        if self.active is None and self.crossed(value):
             self.active = frames.Alarm(now, 0, self._tid, self._kind, self._group, layout.level,
                                        RAISED, value, layout.limit)
             return Event(RAISE_FRAME, self.active)
@@ -37,6 +39,27 @@ class Limit:
             self.active = None
             return Event(CLEAR_FRAME, cleared)
         return None
+
+    def crossed(self, value: float) -> bool:
+        """Whether a value lies beyond the limit."""
+        return value > self.layout.limit if self.layout.high else value < self.layout.limit
+
+    def value_beyond(self, whole: bool) -> float:
+        """A value a little beyond the limit; ``whole`` numbers only, if so wanted."""
+        return self._beside(self.layout.limit, self.layout.high, whole)
+
+    def value_inside(self, whole: bool) -> float:
+        """A value that clears the alarm, as near to the limit as is safe to round."""
+        layout = self.layout
+        edge = layout.limit - layout.hysteresis if layout.high else layout.limit + layout.hysteresis
+        return self._beside(edge, not layout.high, whole)
+
+    @staticmethod
+    def _beside(edge: float, up: bool, whole: bool) -> float:
+        if whole:
+            return math.floor(edge) + 1 if up else math.ceil(edge) - 1
+        distance = max(abs(edge) * 0.01, 0.01)
+        return edge + distance if up else edge - distance
 
 
 class Tag:
@@ -55,13 +78,24 @@ class Tag:
 
     def store(self, value: Any, clamp: bool = False) -> bool:
         """Take a new value; returns whether it differs. ValueError: unsuitable, nothing changed."""
+        value, payload = self.suited(value, clamp)
+        changed = payload != self.payload
+        self.value, self.payload = value, payload
+        return changed
+
+    def suited(self, value: Any, clamp: bool = False) -> Tuple[Any, bytes]:
+        """A value as the tag would hold it, and its bytes; ValueError: unsuitable."""
         value = values.coerce(self.vt, value, clamp)
         payload = values.encode_payload(self.vt, value)
         if len(payload) + 2 > values.MAX_ENCODED:
             raise ValueError("a value of %d bytes is too long" % len(payload))
-        changed = payload != self.payload
-        self.value, self.payload = value, payload
-        return changed
+        return value, payload
+
+    def writable(self, value: Any) -> Any:
+        """A value as an operator's write would leave it; ValueError: unsuitable."""
+        if not self.pushable and not self.ends_chunk:
+            raise ValueError("tag %s is of a type that holds no value" % self.name)
+        return self.suited(value)[0]
 
     def encoded(self) -> bytes:
         """Type code and payload."""
@@ -140,9 +174,7 @@ class Plant:
         Returns whether the value differs and the alarms it raised or cleared. ValueError: the
         value does not suit the tag, nothing changed.
         """
-        if not tag.pushable and not tag.ends_chunk:
-            raise ValueError("tag %s is of a type that holds no value" % tag.name)
-        changed = tag.store(value)
+        changed = tag.store(tag.writable(value))
         if hold:
             self._stop(tag)
         tag.signal.write(tag.value)
@@ -154,6 +186,38 @@ class Plant:
             self._moving.remove(tag)
 
     # ---- alarms -------------------------------------------------------------------------------
+
+    def exceed(self, tag: Tag, text: Optional[str]) -> Tuple[bool, List[Event]]:
+        """Take a tag beyond the limit of this alarm text, or its first one, and hold it there.
+
+        Returns what ``write`` does. KeyError: there is no such limit; RuntimeError: its alarm is
+        active already; ValueError: the tag can hold no value beyond it.
+        """
+        limit = next((limit for limit in tag.limits
+                      if text is None or limit.layout.text == text), None)
+        if limit is None:
+            raise KeyError("tag %s has no limit%s" % (tag.name, " " + repr(text) if text else ""))
+        if limit.active is not None:
+            raise RuntimeError("the alarm %r of tag %s is active already"
+                               % (limit.layout.text, tag.name))
+        value = tag.writable(limit.value_beyond(tag.vt in _WHOLE))
+        if not limit.crossed(float(value)):
+            raise ValueError("tag %s holds no value beyond %g" % (tag.name, limit.layout.limit))
+        return self.write(tag, value, hold=True)
+
+    def recover(self, tag: Tag) -> Tuple[bool, List[Event]]:
+        """Take a tag back inside the limits whose alarms are active, and hold it there.
+
+        Returns what ``write`` does; without an active alarm nothing happens.
+        """
+        changed = False
+        events = []  # type: List[Event]
+        for limit in tag.limits:
+            if limit.active is not None:
+                differs, cleared = self.write(tag, limit.value_inside(tag.vt in _WHOLE), hold=True)
+                changed = changed or differs
+                events.extend(cleared)
+        return changed, events
 
     def check_limits(self, tag: Tag) -> List[Event]:
         """Compare the tag's value with its limits; returns the alarms raised and cleared."""

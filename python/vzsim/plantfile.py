@@ -39,6 +39,7 @@ the time constant ``tau`` (seconds); ``gain``, ``offset``, ``noise``, ``seed`` a
 (where it starts) are optional.
 """
 
+import copy
 import json
 import os
 import socket
@@ -148,9 +149,7 @@ def load(plant: Union[str, Dict[str, Any]]) -> PlantLayout:
     """
     if not isinstance(plant, (str, os.PathLike)):
         return check(plant, os.getcwd(), int(time.time()))
-    path = os.fspath(plant)
-    if not os.path.exists(path) and os.path.basename(path) == path:
-        path = packaged(path) if os.path.exists(packaged(path)) else path
+    path = _path(plant)
     try:
         content = _read(path)
         folder = os.path.dirname(os.path.abspath(path))
@@ -159,6 +158,29 @@ def load(plant: Union[str, Dict[str, Any]]) -> PlantLayout:
         raise PlantError("%s: %s" % (plant, error.strerror))
     except PlantError as error:
         raise PlantError("%s: %s" % (plant, error))
+
+
+def table(plant: Union[str, Dict[str, Any]]) -> Dict[str, Any]:
+    """The description of a plant as a table of the caller's own, to be changed and served.
+
+    ``plant`` and errors are those of ``load``. A relative folder in it becomes an absolute one.
+    """
+    layout = load(plant)
+    if isinstance(plant, (str, os.PathLike)):
+        content = _read(_path(plant))  # type: Dict[str, Any]
+    else:
+        content = copy.deepcopy(plant)
+    if layout.folder is not None:
+        content["files"]["folder"] = os.path.abspath(layout.folder)
+    return content
+
+
+def _path(plant: Union[str, "os.PathLike[str]"]) -> str:
+    """The path of a plant file, or of the packaged plant of that name if there is no such file."""
+    path = os.fspath(plant)
+    if not os.path.exists(path) and os.path.basename(path) == path:
+        path = packaged(path) if os.path.exists(packaged(path)) else path
+    return path
 
 
 def _toml() -> Any:

@@ -8,7 +8,7 @@ import sys
 import tempfile
 import threading
 import weakref
-from typing import Any, Dict, Optional, Union
+from typing import IO, Any, Dict, List, Optional, Union
 
 from . import control
 from .operations import Operations
@@ -43,10 +43,12 @@ class SimProcess(Operations):
         self._orders = 0
         self._received = b""
         self._errors = tempfile.TemporaryFile()
+        self._last_log = []  # type: List[bytes]  # all of it, once the process has ended
         self._process = subprocess.Popen(
             command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self._errors,
             env=_environment())
-        self._finalizer = weakref.finalize(self, _end, self._process)
+        self._finalizer = weakref.finalize(
+            self, _end, self._process, self._errors, self._last_log)
         try:
             if isinstance(plant, dict):
                 self._send(plant)
@@ -61,9 +63,9 @@ class SimProcess(Operations):
         return self._process.pid
 
     def log(self) -> str:
-        """What the simulator has written on its error output so far."""
-        size = os.fstat(self._errors.fileno()).st_size
-        return os.pread(self._errors.fileno(), size, 0).decode("utf-8", "replace")
+        """What the simulator has written on its error output so far, or until its end."""
+        data = self._last_log[0] if self._last_log else _content(self._errors)
+        return data.decode("utf-8", "replace")
 
     def _read_ready_line(self, host: str, timeout: float) -> None:
         line = self._read_line(timeout)
@@ -131,7 +133,12 @@ def _environment() -> Dict[str, str]:
     return environment
 
 
-def _end(process: "subprocess.Popen[bytes]") -> None:
+def _content(file: IO[bytes]) -> bytes:
+    """All that is in a file, which others may be writing."""
+    return os.pread(file.fileno(), os.fstat(file.fileno()).st_size, 0)
+
+
+def _end(process: "subprocess.Popen[bytes]", errors: IO[bytes], last_log: List[bytes]) -> None:
     """End the process: first by closing its input, then by signals to its id alone."""
     try:
         process.stdin.close()
@@ -145,3 +152,5 @@ def _end(process: "subprocess.Popen[bytes]") -> None:
         except subprocess.TimeoutExpired:
             continue
     process.stdout.close()
+    last_log.append(_content(errors))
+    errors.close()

@@ -8,16 +8,18 @@ from typing import Any, Callable, Deque, Dict, Iterable, List, Optional, Tuple
 
 from . import center, frames, requests, scrambler
 from .answers import REFUSED, Answer, Session, answer, describe
-from .channel import Channel, Listener, listen
+from .channel import Channel, Port
 from .faults import Fault, FaultTable
 from .files import acknowledged_spans
 from .plant import Event, Plant, Tag
+from .plantfile import PlantLayout
 
 RELAY_PORT = 3968        # clients use the relay form of the login hello on this port alone
 MAX_BACKLOG = 1 << 20    # queued bytes at which a channel gets no more signal changes
 SUBSCRIBE_LEAD = 0.01    # seconds; a change is of no use to a client before it has the reply
 SEND_PAUSE = 0.001       # seconds between two sends of one push, so they stay two receives
 _KEPT_REQUESTS = 200000
+_NEWER = 4               # seconds; clients take times that are 3 apart for the same
 
 
 class Connection(Channel):
@@ -125,8 +127,8 @@ class Server:
                  plants: Optional[Dict[str, Any]] = None, recording: bool = False,
                  tick: Optional[float] = None,
                  logger: Optional[Callable[[str], None]] = None) -> None:
-        self.loop, self.plant, self.host, self.port = loop, plant, host, port
-        self.tick = plant.layout.tick if tick is None else tick
+        self.loop, self.host, self.port = loop, host, port
+        self._tick = tick  # None: the plant's own
         self.faults = FaultTable()
         self.overrides = {}  # type: Dict[str, Any]
         self.connections = {}  # type: Dict[int, Connection]
@@ -134,42 +136,90 @@ class Server:
         self.requests = collections.deque(
             maxlen=_KEPT_REQUESTS)  # type: Deque[Tuple[int, str, bytes]]
         self.waiters = []  # type: List[Callable[[], None]]
-        self._routes = center.Routes(plant.layout.name, plant.layout.project, host, plants or {})
+        self._plants = plants or {}
         self._recording, self._logger = recording, logger
-        self._listener = None  # type: Optional[Listener]
+        self._listener = None  # type: Optional[Port]
+        self.silent = False  # nothing is sent on any connection
         self._count = 0
         self._ticker = None  # type: Optional[asyncio.TimerHandle]
         self._stepped = 0.0
+        self._take(plant)
 
     # ---- life ---------------------------------------------------------------------------------
 
     def start(self) -> None:
         """Listen and start the signals; afterwards ``port`` is the port in use."""
-        self.listen()
+        self._listener = Port(self.loop, self.host, self.port, self._accepted)
+        self.port = self._listener.number
+        try:
+            self.listen()
+        except OSError:
+            self.close()
+            raise
+        self._start_clock()
+
+    def listen(self) -> None:
+        """Accept connections (again, on the same port)."""
+        assert self._listener is not None
+        self._listener.listen()
+
+    def unlisten(self) -> None:
+        """Refuse new connections; the present ones stay, and so does the port."""
+        if self._listener is not None:
+            self._listener.refuse()
+
+    @property
+    def listening(self) -> bool:
+        """Whether new connections are accepted."""
+        return self._listener is not None and self._listener.listening
+
+    def close(self) -> None:
+        """Give the port up and close every connection."""
+        self._stop_clock()
+        if self._listener is not None:
+            self._listener.close()
+        self.drop()
+
+    def drop(self, how: str = "close") -> None:
+        """Close every connection, with an orderly end or a "reset"."""
+        for connection in list(self.connections.values()):
+            connection.close(how)
+
+    def set_silent(self, on: bool) -> None:
+        """Send nothing on present and new connections, or go on with all that has waited."""
+        self.silent = on
+        for connection in list(self.connections.values()):
+            change = connection.mute if on else connection.unmute
+            change()
+
+    def replace(self, layout: PlantLayout) -> None:
+        """Close every connection and serve another plant from now on; PlantError: as before.
+
+        Its generated files are newer than those of the plant before, so that no client takes its
+        copy of those for current. The center entries stay.
+        """
+        newer = min(self.plant.layout.file_time + _NEWER, 2 ** 32 - 1)
+        plant = Plant(layout._replace(file_time=max(layout.file_time, newer)))
+        self.drop()
+        self._stop_clock()
+        self._take(plant)
+        self._start_clock()
+
+    def _take(self, plant: Plant) -> None:
+        self.plant = plant
+        self.tick = plant.layout.tick if self._tick is None else self._tick
+        self._routes = center.Routes(plant.layout.name, plant.layout.project, self.host,
+                                     self._plants)
+
+    def _start_clock(self) -> None:
         if self.tick > 0:
             self._stepped = self.loop.time()
             self._ticker = self.loop.call_later(self.tick, self._on_tick)
 
-    def listen(self) -> None:
-        """Accept connections (again, on the same port)."""
-        if self._listener is None:
-            self._listener = Listener(self.loop, listen(self.host, self.port), self._accepted)
-            self.port = self._listener.port
-
-    def unlisten(self) -> None:
-        """Refuse new connections; the present ones stay."""
-        if self._listener is not None:
-            self._listener.close()
-            self._listener = None
-
-    def close(self) -> None:
-        """Stop listening and close every connection."""
+    def _stop_clock(self) -> None:
         if self._ticker is not None:
             self._ticker.cancel()
             self._ticker = None
-        self.unlisten()
-        for connection in list(self.connections.values()):
-            connection.close()
 
     @property
     def relay_form(self) -> bool:
@@ -182,6 +232,8 @@ class Server:
         self._count += 1
         connection = Connection(self, sock, self._count)
         self.connections[self._count] = connection
+        if self.silent:
+            connection.mute()
         fault = self.faults.take("accept")
         if fault is None:
             connection.start()

@@ -150,7 +150,7 @@ class XVariant {
     // Bytes of the payload on the wire: 1, 2, 4 or 8; 0 for VT_STR, whose length is its own, and
     // for codes without payload.
     static BYTE GetVTSize(VARTYPE vtValue) {
-        constexpr BYTE kWidths[] = {
+        static constexpr BYTE kWidths[] = {
             2, 4, 4, 8, 0, 8, 0, 0, 0, 1, 0,  // 2 to 12
             0, 0, 0, 1, 1, 2, 4, 8, 0, 4, 4,  // 13 to 23
         };
@@ -188,12 +188,13 @@ class XVariant {
     // Keeps a length from being taken for bIncludeVT.
     size_t FromBuffer(const BYTE* pBuffer, size_t nBufLen) = delete;
 
-  private:
     // Takes over the content of other, which ends with the former one.
     void Swap(XVariant& other) noexcept {
         std::swap(vt, other.vt);
         std::swap(llVal, other.llVal);
     }
+
+  private:
     XVariant& Become(XVariant&& other) noexcept {
         Swap(other);
         return *this;

@@ -15,6 +15,7 @@ namespace {
 // it holds: a program reads the same ones again and again.
 struct SKnownList {
     PyObject* names = nullptr;  // tuple
+    PyObject* blank = nullptr;  // dict of the names, to be copied and filled in
     std::vector<WORD> ids;
 };
 constexpr size_t kMaxKnown = 8;
@@ -54,8 +55,9 @@ bool NameBytes(PyObject* name, std::string& strBytes) {
 
 // What the names of a call resolve to.
 struct SResolved {
-    std::vector<WORD> ids;  // of each name, in order; kNoTag for one that no tag has
-    bool bAll = true;       // every name has one
+    PyObject* blank = nullptr;  // of a known list, borrowed
+    std::vector<WORD> ids;      // of each name, in order; kNoTag for one that no tag has
+    bool bAll = true;           // every name has one
 };
 
 // Resolves nNames names: from those known, the others by the server, who is asked again for a name
@@ -123,6 +125,7 @@ const std::vector<WORD>* IdsOf(SDriverObject* self, CSession& session, PyObject*
         for (const SKnownList& known : *self->pKnown) {
             if (PyTuple_GET_SIZE(known.names) == nNames &&
                 std::memcmp(&PyTuple_GET_ITEM(known.names, 0), items, nBytes) == 0) {
+                resolved.blank = known.blank;
                 return &known.ids;
             }
         }
@@ -141,11 +144,17 @@ const std::vector<WORD>* IdsOf(SDriverObject* self, CSession& session, PyObject*
     }
     SKnownList& known = (*self->pKnown)[self->nNextKnown];
     self->nNextKnown = (self->nNextKnown + 1) % kMaxKnown;
-    PyObject* before = known.names;
-    known.ids = resolved.ids;
+    PyObject* blank = PyDict_New();
+    for (Py_ssize_t i = 0; blank && i < nNames; ++i) {
+        if (PyDict_SetItem(blank, items[i], Py_None) != 0) Py_CLEAR(blank);
+    }
+    if (!blank) return nullptr;
+    Py_XDECREF(known.names);
+    Py_XDECREF(known.blank);
     Py_INCREF(names);
     known.names = names;
-    Py_XDECREF(before);
+    known.blank = blank;
+    known.ids = resolved.ids;
     return &resolved.ids;
 }
 
@@ -215,8 +224,10 @@ PyObject* DriverRead(PyObject* obj, PyObject* args) {
         const std::vector<WORD>* pIds =
             IdsOf(self, *pSession, names, nDeadlineNs, bSkip != 0, resolved);
         if (!pIds) return nullptr;
-        // A copy: while the interpreter lock is given up the list may make room for another.
-        std::vector<WORD> ids(*pIds);
+        // Copies: while the interpreter lock is given up the list may make room for another.
+        const std::vector<WORD> ids(*pIds);
+        PyObject* blank = resolved.blank;
+        Py_XINCREF(blank);
         std::vector<WORD> asked;
         if (!resolved.bAll) {
             for (const WORD nId : ids) {
@@ -227,10 +238,12 @@ PyObject* DriverRead(PyObject* obj, PyObject* args) {
         std::string strValues;
         if (!wanted.empty() &&
             !ReadIds(self, *pSession, wanted.data(), wanted.size(), nDeadlineNs, strValues)) {
+            Py_XDECREF(blank);
             return nullptr;
         }
         CByteReader reader = ReaderOf(strValues);
-        PyObject* dict = PyDict_New();
+        PyObject* dict = blank ? PyDict_Copy(blank) : PyDict_New();
+        Py_XDECREF(blank);
         for (size_t i = 0; dict && i < ids.size(); ++i) {
             if (ids[i] == kNoTag) continue;
             PyObject* value = TakeValue(reader);
@@ -360,7 +373,10 @@ PyObject* DriverWatch(PyObject* obj, PyObject* args) {
 void DriverDealloc(PyObject* obj) {
     SDriverObject* self = Self(obj);
     if (self->pKnown) {
-        for (SKnownList& known : *self->pKnown) Py_XDECREF(known.names);
+        for (SKnownList& known : *self->pKnown) {
+            Py_XDECREF(known.names);
+            Py_XDECREF(known.blank);
+        }
         delete self->pKnown;
     }
     Py_XDECREF(self->ids);

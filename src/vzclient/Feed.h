@@ -51,6 +51,11 @@ struct SEvent {
         std::string strText;
     };
 
+    SEvent() = default;
+    SEvent(SEvent&&) = default;
+    // Exchanges the two: so events can change places without memory for their texts.
+    SEvent& operator=(SEvent&& other) noexcept;
+
     EKind eKind = EKind::kChange;
     bool bResynced = false;
     bool bSent = false;
@@ -71,7 +76,7 @@ struct SEvent {
 class CFeed {
   public:
     enum class EOverflow {
-        kLatest,  // a full feed keeps of each tag the newest value, and all else
+        kLatest,  // a full feed keeps of each tag the newest value; of all else the oldest goes
         kOldest   // the oldest event goes
     };
 
@@ -92,7 +97,7 @@ class CFeed {
     // Takes no more events; those that are in can still be taken.
     void Close();
     // Forgets the events of a token.
-    void Forget(uint32_t nToken);
+    void Forget(uint32_t nToken) noexcept;
 
     // Readable while there is something to take or the feed is closed.
     int Descriptor() const { return m_hReady; }
@@ -102,6 +107,7 @@ class CFeed {
   private:
     void MakeRoom();
     void KeepNewest();
+    void Settle();
     void SetReady(bool bReady);
 
     const size_t m_nCapacity;
@@ -135,6 +141,8 @@ class CRoutes {
     // Driver name to list of tag names that some feed wants. New reference, or null with an error
     // set. Takes m_lock.
     PyObject* Watched();
+    // Whether some feed wants alarms. Takes m_lock.
+    bool AlarmsWatched();
     // Ends all routes of a feed's token. Takes m_lock.
     void Drop(const CFeed* pFeed, uint32_t nToken);
 

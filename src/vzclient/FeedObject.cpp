@@ -276,6 +276,11 @@ PyObject* RoutesWatched(PyObject* self, PyObject* /*args*/) {
     return pRoutes ? Guarded([&] { return pRoutes->Watched(); }) : nullptr;
 }
 
+PyObject* RoutesAlarmsWatched(PyObject* self, PyObject* /*args*/) {
+    CRoutes* pRoutes = Held<CRoutes>(self);
+    return pRoutes ? PyBool_FromLong(pRoutes->AlarmsWatched()) : nullptr;
+}
+
 PyObject* RoutesDrop(PyObject* self, PyObject* args) {
     PyObject* feed;
     unsigned int nToken = 0;
@@ -290,6 +295,7 @@ PyObject* RoutesDrop(PyObject* self, PyObject* args) {
 
 PyMethodDef kRoutesMethods[] = {
     {"watched", RoutesWatched, METH_NOARGS, "driver name to list of the tag names that are wanted"},
+    {"alarms_watched", RoutesAlarmsWatched, METH_NOARGS, "whether alarms are wanted"},
     {"drop", RoutesDrop, METH_VARARGS, "drop(feed, token): tell that feed's token nothing more"},
     {nullptr, nullptr, 0, nullptr},
 };

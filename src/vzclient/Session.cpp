@@ -56,7 +56,10 @@ class CReadValues {
             if (Complete() || nChunk - nPos < kCodeBytes) return false;
             const VARTYPE vt = CByteReader(pChunk + nPos, kCodeBytes).ReadU16();
             nPos += kCodeBytes;
-            m_driver.types[m_pIds[m_nNext++]].store(vt, std::memory_order_relaxed);
+            std::atomic<VARTYPE>& type = m_driver.types[m_pIds[m_nNext++]];
+            if (type.load(std::memory_order_relaxed) != vt) {
+                type.store(vt, std::memory_order_relaxed);
+            }
             if (vt == VT_ARRAY) {  // ends its chunk
                 XVariant array;
                 if (array.FromBuffer(pChunk + nPos - kCodeBytes, nChunk - nPos + kCodeBytes,
@@ -132,8 +135,9 @@ class CNotifyGuard final : public CSocketGuard {
 
 size_t CFrames::Walk(const BYTE* pBytes, size_t nLen, int64_t nTimeUs) {
     for (size_t nPos = 0;;) {
-        const size_t nFrame = Frame(pBytes + nPos, nLen - nPos, nTimeUs);
-        if (nFrame == kUnusable || (nFrame == 0 && nLen - nPos > kMaxFrame)) {
+        const size_t nAtHand = std::min(nLen - nPos, kMaxFrame);
+        const size_t nFrame = Frame(pBytes + nPos, nAtHand, nTimeUs);
+        if (nFrame == kUnusable || (nFrame == 0 && nAtHand == kMaxFrame)) {
             ++m_nUnusable;
             return nLen;
         }
@@ -293,7 +297,17 @@ CSession::~CSession() {
 
 void CSession::Join() {
     std::lock_guard<std::mutex> guard(m_joinLock);
-    if (m_receiver.joinable()) m_receiver.join();
+    if (!m_receiver.joinable()) return;
+    m_receiver.join();
+    // An operation ends soon, now that the session has; one that a signal's handler interrupts may
+    // wait for us. Then the destructor closes.
+    if (m_turnOf == std::this_thread::get_id()) return;
+    const std::unique_lock<std::timed_mutex> turn(m_turn, 5 * kTurnSlice);
+    if (!turn.owns_lock()) return;
+    std::lock_guard<std::mutex> end(m_endLock);
+    m_bOpen = false;
+    m_rcvSock.Close();
+    m_reqSock.Close();
 }
 
 int CSession::Connect(const char* szHost, ULONG nIp, const char* szUser, const char* szPassword,
@@ -533,6 +547,7 @@ CSession::EResult CSession::Watch(SDriver& driver, const std::vector<CWatchedTag
     }
     const int64_t nNowUs = NowUs();
     std::lock_guard<std::mutex> guard(m_pRoutes->m_lock);
+    if (m_bOver) return Ended(patience, false);  // a next session may have looked at the routes
     for (size_t i = 0; i < asked.size(); ++i) {
         CWatchedTag& tag = *tags[asked[i]];
         const WORD nId = ids[asked[i]];
@@ -557,6 +572,7 @@ CSession::EResult CSession::WatchAlarms(const SRoute* pRoute, bool bExisting, CP
     if (!LoadAlarmLists() || m_bUnreadBody) return Ended(patience, false);
     const int64_t nNowUs = NowUs();
     std::lock_guard<std::mutex> guard(m_pRoutes->m_lock);
+    if (m_bOver) return Ended(patience, false);  // as above
     m_alarmTexts = m_textList;
     m_alarmTags = m_tagList;
     for (const S2RtAlarm2& alarm : alarms) {

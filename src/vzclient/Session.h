@@ -40,7 +40,8 @@ class CFrames {
 
     // Tells what the whole frames at the start of the nLen bytes say. Returns how many bytes are
     // done with; the rest is the start of a frame that goes on in bytes still to come. Bytes behind
-    // a frame that cannot be used are lost: nobody can say where the next one starts.
+    // a frame that cannot be used, or is longer than 2048 bytes, are lost: nobody can say where the
+    // next one starts.
     size_t Walk(const BYTE* pBytes, size_t nLen, int64_t nTimeUs);
 
     std::atomic<uint64_t> m_nChanges{0};
@@ -118,7 +119,7 @@ class CSession final : public CPlantConnection {
     // Asks the server for a sign of life.
     EResult Probe(CPatience& patience);
 
-    // Waits for the receive thread, after End.
+    // Waits for the receive thread, after End, and closes the connection.
     void Join();
 
     // Ends the session: whoever waits in it stops waiting. szNews is told unless it had ended.
@@ -138,7 +139,7 @@ class CSession final : public CPlantConnection {
     const CFrames& Frames() const { return m_frames; }
     CFeed* Trace() const { return m_pTrace.get(); }
     CFeed* News() const { return m_pNews.get(); }
-    CRoutes& Routes() const { return *m_pRoutes; }
+    const std::shared_ptr<CRoutes>& Routes() const { return m_pRoutes; }
 
   private:
     class CTurn;

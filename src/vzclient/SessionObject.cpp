@@ -52,6 +52,8 @@ PyObject* SessionNew(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
 void SessionDealloc(PyObject* self) {
     auto* object = static_cast<SSessionObject*>(static_cast<void*>(self));
     if (object->nForks == Forks() && object->pHeld) {
+        // May be the last to hold the routes, whose names are script objects.
+        const std::shared_ptr<CRoutes> pRoutes = (*object->pHeld)->Routes();
         PyThreadState* state = PyEval_SaveThread();
         delete object->pHeld;
         PyEval_RestoreThread(state);
@@ -245,7 +247,8 @@ PyMethodDef kSessionMethods[] = {
     {"alarm_texts", SessionAlarmTexts, METH_NOARGS, "lists of alarm texts and of alarm tag names"},
     {"probe", SessionProbe, METH_VARARGS, "probe(timeout): ask the server for a sign of life"},
     {"end", SessionEnd, METH_VARARGS, "end(news): end the session; who waits in it stops waiting"},
-    {"join", SessionJoin, METH_NOARGS, "wait for the receive thread, after end"},
+    {"join", SessionJoin, METH_NOARGS,
+     "after end: wait for the receive thread, and close the connection"},
     {"counts", SessionCounts, METH_NOARGS, "what happened so far"},
     {nullptr, nullptr, 0, nullptr},
 };

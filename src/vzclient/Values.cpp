@@ -14,9 +14,10 @@ namespace {
 constexpr int64_t kUsPerSecond = 1000000;
 constexpr int kSecondsPerDay = 86400;
 constexpr double kMsPerDay = 86400e3;
-constexpr int64_t kDateEpochDays = 25569;            // 1970-01-01 as a date
-constexpr double kMaxDate = 2958466;                 // 10000-01-01
-constexpr double kMinDate = -657434;                 // 0100-01-01
+constexpr int64_t kDateEpochDays = 25569;  // 1970-01-01 as a date
+constexpr double kMaxDate = 2958466;       // 10000-01-01
+constexpr double kMinDate = -657434;       // 0100-01-01
+constexpr int kLastYear = 9999;            // that a datetime holds
 
 // A datetime of broken-down local time, whose tm_gmtoff tells the zone.
 PyObject* LocalToPy(const tm& local, int nUs) {
@@ -40,7 +41,9 @@ PyObject* DateToPy(double fDays) {
     const int64_t nSeconds = nMs >= 0 ? nMs / 1000 : -((999 - nMs) / 1000);
     const time_t nWall = static_cast<time_t>(nSeconds);
     tm wall;
-    if (nWall != nSeconds || !gmtime_r(&nWall, &wall)) return PyFloat_FromDouble(fDays);
+    if (nWall != nSeconds || !gmtime_r(&nWall, &wall) || wall.tm_year > kLastYear - 1900) {
+        return PyFloat_FromDouble(fDays);  // rounding may lead beyond the last year too
+    }
     tm local = wall;
     local.tm_isdst = -1;
     mktime(&local);  // for the zone alone: an hour that the clock skipped stays as it is
@@ -303,7 +306,7 @@ PyObject* ValueToPy(const XVariant& value) {
             return value.pStrVal ? TextToPy(value.pStrVal->data(), value.pStrVal->size())
                                  : PyUnicode_FromString("");
         case VT_BOOL:
-            return PyBool_FromLong(value.boolVal);
+            return PyBool_FromLong(value.bVal);
         case VT_I1:
             return PyLong_FromLong(static_cast<signed char>(value.bVal));
         case VT_UI1:
@@ -318,21 +321,29 @@ PyObject* ValueToPy(const XVariant& value) {
 }
 
 PyObject* TakeValue(CByteReader& reader) {
-    CByteReader ahead = reader;
-    const VARTYPE vt = ahead.ReadU16();
-    if (vt == VT_STR) {
-        size_t nLen = 0;
-        const char* sz = ahead.TakeText(nLen);
-        reader = ahead;
-        return TextToPy(sz ? sz : "", nLen);
-    }
-    if (vt == VT_ARRAY) {
-        reader = ahead;
-        Py_RETURN_NONE;
-    }
+    // Payloads of one width have the same bytes, whatever they mean.
     XVariant value;
-    const size_t nUsed = value.FromBuffer(reader.Data(), reader.Left(), true);
-    reader.Take(nUsed);
+    const VARTYPE vt = reader.ReadU16();
+    switch (XVariant::GetVTSize(vt)) {
+        case 1:
+            value.bVal = reader.ReadU8();
+            break;
+        case 2:
+            value.uiVal = reader.ReadU16();
+            break;
+        case 4:
+            value.ulVal = reader.ReadU32();
+            break;
+        case 8:
+            value.llVal = static_cast<int64_t>(reader.ReadU64());
+            break;
+        default:
+            if (vt != VT_STR) Py_RETURN_NONE;
+            size_t nLen = 0;
+            const char* sz = reader.TakeText(nLen);
+            return TextToPy(sz ? sz : "", nLen);
+    }
+    value.vt = vt;
     return ValueToPy(value);
 }
 

@@ -11,6 +11,8 @@ import sys
 import time
 
 import VzDBAccess
+import _vzclient
+import vzclient
 import vzsim
 
 PATIENCE_SECONDS = 120  # also for an emulator on a busy machine
@@ -24,11 +26,14 @@ def wait_for(condition):
 
 
 def check_place():
-    """Module, stub and simulator lie in one folder, which belongs to this interpreter."""
+    """Modules, stubs, package and simulator lie in one folder, which is this interpreter's."""
     folder = os.path.dirname(VzDBAccess.__file__)
     assert folder.startswith(sys.prefix), (folder, sys.prefix)
-    assert os.path.dirname(os.path.dirname(vzsim.__file__)) == folder, vzsim.__file__
-    assert os.path.exists(os.path.join(folder, "VzDBAccess.pyi")), folder
+    assert os.path.dirname(_vzclient.__file__) == folder, _vzclient.__file__
+    for package in (vzclient, vzsim):
+        assert os.path.dirname(os.path.dirname(package.__file__)) == folder, package.__file__
+    for name in ("VzDBAccess.pyi", "_vzclient.pyi", "vzclient/py.typed"):
+        assert os.path.exists(os.path.join(folder, name)), (folder, name)
 
 
 def check_session(plant):
@@ -58,11 +63,26 @@ def check_session(plant):
     assert boiler.GetTagValue("Steam pressure") == 11.0
 
 
+def check_package(plant):
+    with vzclient.connect(plant.address, "operator", "password",
+                          timeout=PATIENCE_SECONDS) as connected:
+        boiler = connected["Boiler"]
+        boiler["Operator note"] = "bye"
+        assert boiler.read("Operator note", "Steam pressure") == {
+            "Operator note": "bye", "Steam pressure": 11.0}
+        with boiler.watch("Steam pressure") as changes, connected.alarms() as alarms:
+            assert changes.get(PATIENCE_SECONDS).value == 11.0
+            assert alarms.get(PATIENCE_SECONDS).tag == "Steam pressure"
+            plant.set_value("Boiler", "Steam pressure", 8.0)
+            assert changes.get(PATIENCE_SECONDS).value == 8.0
+
+
 def main(interpreter=None):
     check_place()
     with vzsim.SimProcess("boiler_house", tick=0, interpreter=interpreter,
                           timeout=PATIENCE_SECONDS) as plant:
         check_session(plant)
+        check_package(plant)
         shutil.rmtree("/tmp/vzbrowser/%s_%d" % (plant.host, plant.port))
     print("fine")
 

@@ -15,6 +15,7 @@ import pytest
 
 from conftest import PYTHON, small_plant
 from vzsim import Operations, SimProcess, Simulator, control, controller
+from vzsim.scenarios import Scenarios
 from wire_client import Client, connect, take
 
 READ = b"H\x01\0\0\0\x01\0"
@@ -190,8 +191,10 @@ def test_every_operation_works_from_outside(process):
 
 
 def test_process_and_thread_offer_the_same_operations():
-    public = {name for name in vars(Operations) if not name.startswith("_")}
-    assert public - {"host", "port", "name"} == set(controller.OPERATIONS)
+    public = {name for kind in (Operations, Scenarios) for name in vars(kind)
+              if not name.startswith("_")}
+    assert public - {"host", "port", "name", "address", "outage", "silence", "playing",
+                     "alarm"} == set(controller.OPERATIONS)
     for operation in controller.OPERATIONS:
         assert callable(getattr(controller.Controller, operation))
 
@@ -235,6 +238,21 @@ def test_a_closed_process_is_gone():
     sim.close()
     with pytest.raises(RuntimeError):
         sim.get_value(0, 0)
+
+
+@pytest.mark.parametrize("ending", ["sim.close()", "del sim", "pass"])
+def test_an_ended_process_leaves_nothing_open(ending):
+    code = "import vzsim; sim = vzsim.SimProcess('boiler_house'); " + ending
+    found = subprocess.run([sys.executable, "-X", "dev", "-c", code], stdout=subprocess.PIPE,
+                           stderr=subprocess.PIPE, env=dict(os.environ, PYTHONPATH=PYTHON))
+    assert (found.returncode, found.stderr) == (0, b"")
+
+
+def test_the_log_can_be_read_after_the_end():
+    with SimProcess(small_plant(), verbose=True) as sim, connect(sim.port) as sock:
+        sock.sendall(b"3")
+        sock.recv(1)
+    assert " 3 project paths\n" in sim.log() and sim.log().endswith(" - connection ended\n")
 
 
 def test_a_forgotten_process_is_gone():

@@ -54,6 +54,7 @@ class _Attempt:
     def __init__(self, where: Login, timeout: float) -> None:
         self.host, self.user, self._password = where
         self._timeout = timeout
+        self._closed = False
         self._routes = _vzclient.Routes()
         self._trace_feed = _vzclient.Feed(self._routes, _QUEUE, "oldest")
         self._news = None  # type: Optional[_vzclient.Feed]
@@ -85,6 +86,9 @@ class _Attempt:
                 session.join()
             self._take()
         return None
+
+    def _opens(self, session: _vzclient.Session) -> None:
+        """Told by the login, for a plant that is closed meanwhile; this one never is."""
 
     def _take(self) -> List[Any]:
         """The messages since the last time, which are kept for the trace."""

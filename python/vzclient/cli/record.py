@@ -5,9 +5,10 @@ import sqlite3
 import time
 from typing import Dict, Optional, Tuple
 
+from ..alarms import Alarm
 from ..errors import VzError
 from ..plant import Plant
-from ..types import Alarm, Change, State
+from ..types import Change, State
 from .endings import Ending
 from .options import CommandError, Options
 from .recording import Recorder, Row, type_of
