@@ -8,7 +8,6 @@ from typing import TYPE_CHECKING, Any, Dict, Iterator, Optional, Sequence, Union
 
 from ..driver import Driver
 from ..errors import VzTimeoutError
-from ..alarms import Alarm
 from ..types import Change, Value
 from ..watches import AlarmWatch, Watch
 from .options import CommandError, Options
