@@ -39,6 +39,13 @@ ROWS = {  # the sides of each job, besides the module
     "del db": set(),
     "import": {"floor"},
     "memory of the import": {"floor"},
+    "vzclient: read 1 tag": {"older"},
+    "vzclient: read 10 tags": {"older", "dict"},
+    "vzclient: read 100 tags": {"older", "dict"},
+    "vzclient: read 1000 tags": {"older", "dict"},
+    "vzclient: changes iterated over": set(),
+    "vzclient: changes to a callback": set(),
+    "vzclient: import": set(),
 }
 
 
