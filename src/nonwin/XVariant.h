@@ -200,10 +200,25 @@ class XVariant {
         return *this;
     }
     void CopyText(const XVariant& other);
-    // All 8 bytes, whatever other's code means by them. The members share their storage, and the
-    // compilers that this library is built with define what reading another member than the last
-    // one stored gives: the same bytes.
-    void CopyPayload(const XVariant& other) { llVal = other.llVal; }
+    // The bytes of other's payload by its width; all 8 of codes that are not known. The members
+    // share their storage, and the compilers that this library is built with define what reading
+    // another member than the last one stored gives: the same bytes.
+    void CopyPayload(const XVariant& other) {
+        switch (GetVTSize(other.vt)) {
+            case 1:
+                bVal = other.bVal;
+                break;
+            case 2:
+                uiVal = other.uiVal;
+                break;
+            case 4:
+                ulVal = other.ulVal;
+                break;
+            default:
+                llVal = other.llVal;
+                break;
+        }
+    }
     // The text of a VT_STR up to its first zero byte, "" when there is none.
     LPCSTR Text() const { return pStrVal ? pStrVal->c_str() : ""; }
     // The value of an integer or boolean code, 0 for every other.
