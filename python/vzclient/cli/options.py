@@ -24,8 +24,8 @@ class CommandError(Exception):
 class Parser(argparse.ArgumentParser):
     """Ends with one line and exit code 1 on wrong use."""
 
-    def __init__(self, *args: Any, **kwargs: Any) -> None:
-        super().__init__(*args, allow_abbrev=False, **kwargs)
+    def __init__(self, **kwargs: Any) -> None:
+        super().__init__(allow_abbrev=False, **kwargs)
 
     def error(self, message: str) -> NoReturn:
         """Tell what is wrong and end."""
@@ -110,7 +110,8 @@ def _add_common(parser: argparse.ArgumentParser, again: bool) -> None:
     def add(*names: str, default: Any = None, **more: Any) -> None:
         parser.add_argument(*names, default=argparse.SUPPRESS if again else default, **more)
 
-    add("--host", help='the server: "host", "host:port" or "p2p(center):server"; else VZCLIENT_HOST')
+    add("--host", help='the server: "host", "host:port" or "p2p(center):server"; else '
+        "VZCLIENT_HOST")
     add("--user", help="user to log in; else VZCLIENT_USER")
     add("--password-file", metavar="FILE",
         help="file whose first line is the password, which only its owner may read; else "

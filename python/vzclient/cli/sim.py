@@ -14,7 +14,7 @@ def sim(options: Options) -> int:
     except SystemExit as end:
         status = end.code  # type: ignore[assignment]
     if "--control" in options.arguments:
-        # The control thread may hold the lock of standard input, which a normal exit would wait for.
+        # Its thread may hold the lock of standard input, which a normal exit would wait for.
         sys.stdout.flush()
         os._exit(1 if status else 0)
     return 1 if status else 0

@@ -4,16 +4,18 @@ import datetime
 import re
 import sys
 import time
-from typing import Any, Dict, Iterator, Optional, Sequence, Union
+from typing import TYPE_CHECKING, Any, Dict, Iterator, Optional, Sequence, Union
 
 from ..driver import Driver
 from ..errors import VzTimeoutError
-from ..alarms import Alarm
 from ..types import Change, Value
 from ..watches import AlarmWatch, Watch
 from .options import CommandError, Options
 from .output import Writer, open_writer
 from .session import connected
+
+if TYPE_CHECKING:
+    from ..alarms import Alarm
 
 _DRAW_SECONDS = 0.25  # from one drawing of trends to the next
 _WHOLE = re.compile(r"[+-]?[0-9]+\Z")
@@ -95,7 +97,7 @@ def parse_value(tag: str, text: str, present: Value) -> Value:
     elif isinstance(present, (int, float)):
         parsed = _number(text)
         wanted = "a number"
-        if parsed is None and isinstance(present, float):  # also a date beyond what a datetime holds
+        if parsed is None and isinstance(present, float):  # a date that no datetime can hold
             parsed = _moment(text)
     elif isinstance(present, datetime.datetime):
         parsed = _moment(text)
@@ -168,7 +170,7 @@ def _events(options: Options, events: Union[Watch, AlarmWatch]) -> Iterator[Any]
 
 
 def _paced(options: Options, events: Union[Watch, AlarmWatch],
-           pause: Optional[float]) -> Iterator[Union[None, Change, Alarm]]:
+           pause: Optional[float]) -> Iterator[Union[None, Change, "Alarm"]]:
     """As _events, and None when for ``pause`` seconds there is none."""
     end = None if options.duration is None else time.monotonic() + options.duration
     count = 0
