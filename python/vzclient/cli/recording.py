@@ -132,6 +132,7 @@ class _CsvFile(_File):
 
 
 _NAMES = ", ".join('"%s"' % column for column in COLUMNS)
+_FULL_NAMES = ", ".join('events."%s"' % column for column in COLUMNS)  # others may be texts
 _INSERT = "INSERT INTO events (%s) VALUES (%s)" % (_NAMES, ", ".join("?" * len(COLUMNS)))
 
 
@@ -321,7 +322,7 @@ def _sqlite_rows(path: str) -> Iterator[Row]:
         pass
     base = sqlite3.connect(path)
     try:
-        for cells in base.execute("SELECT %s FROM events ORDER BY rowid" % _NAMES):
+        for cells in base.execute("SELECT %s FROM events ORDER BY rowid" % _FULL_NAMES):
             row = _row(cells)
             if row is not None:
                 yield row
@@ -348,7 +349,7 @@ def _row(cells: Sequence[Any]) -> Optional[Row]:
             resynced=named["resynced"] in ("true", 1),
             alarm_time=_maybe(_moment, named["alarm_time"]),
             event_time=_maybe(_moment, named["event_time"]),
-            kind=named["kind"], group=named["group"], level=_maybe(int, named["level"]),
+            kind=named["kind"] or None, group=named["group"] or None, level=_maybe(int, named["level"]),
             limit=_maybe(float, named["limit"]), status=_maybe(int, named["status"]))
     except (ValueError, TypeError):
         return None
