@@ -45,9 +45,9 @@ class Command:
             stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8", timeout=LIMIT)
         return Done(done.returncode, done.stdout, done.stderr)
 
-    def start(self, *arguments, **more):
-        """Start it; gives a Running."""
-        return Running(self.line(*arguments), self.environment(**more))
+    def start(self, *arguments, prefix=(), **more):
+        """Start it, by a command that starts others if there is a prefix; gives a Running."""
+        return Running(list(prefix) + self.line(*arguments), self.environment(**more))
 
 
 class Running:
