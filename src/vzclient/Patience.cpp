@@ -13,7 +13,8 @@ namespace {
 
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kNsPerSecond = 1000000000;
-constexpr double kLongestSeconds = 1e9;        // some 30 years
+constexpr double kLongestSeconds = 1e9;  // some 30 years
+constexpr int kMostLate = 16;            // waits that may still find something behind the deadline
 constexpr int64_t kSlowNs = 1 * kNsPerSecond;  // a reply that takes longer is overdue
 
 }  // namespace
@@ -44,6 +45,7 @@ bool CPatience::Await(SOCKET hSocket, short nEvents) {
     for (bool bFirst = true;; bFirst = false) {
         if (m_bOver) return Stop(EEnd::kSessionOver);
         const int64_t nLeft = LeftNs();
+        if (nLeft == 0 && m_nLate++ == kMostLate) return Stop(EEnd::kTimedOut);
         const int64_t nSliceNs = std::min<int64_t>(nLeft, kSliceMs * kNsPerMs);
         pollfd fd{hSocket, nEvents, 0};
         const int nReady = poll(&fd, 1, static_cast<int>((nSliceNs + kNsPerMs - 1) / kNsPerMs));
