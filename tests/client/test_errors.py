@@ -55,8 +55,8 @@ def test_unknown_names_show_as_text_not_quoted(connected):
     ("4", dict(action="close"), "ConnectError", "the server runs"),
     ("accept", dict(action="close"), "ConnectError", "the server runs"),
 ])
-def test_a_connection_that_cannot_be_made_says_where_and_what_to_check(client, sim, raised, code,
-                                                                      fault, kind, hint):
+def test_a_connection_that_cannot_be_made_says_where_and_what_to_check(
+        client, sim, raised, code, fault, kind, hint):
     sim.fault(code, **fault)
     got, text = raised("connect()")
     assert got == kind
