@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vzclient/Values.h"
@@ -137,24 +138,25 @@ const std::vector<WORD>* IdsOf(SDriverObject* self, CSession& session, PyObject*
     }
     if (nNames < kMinKnown || !resolved.bAll) return &resolved.ids;
     if (!self->pKnown) self->pKnown = new std::vector<SKnownList>;
-    if (self->pKnown->size() < kMaxKnown) {
-        self->pKnown->reserve(kMaxKnown);
-        self->pKnown->emplace_back();
-        self->nNextKnown = self->pKnown->size() - 1;
+    self->pKnown->reserve(kMaxKnown);
+    // Complete before it is found: memory may be short at each step.
+    SKnownList made;
+    made.ids = resolved.ids;
+    made.blank = PyDict_New();
+    for (Py_ssize_t i = 0; made.blank && i < nNames; ++i) {
+        if (PyDict_SetItem(made.blank, items[i], Py_None) != 0) Py_CLEAR(made.blank);
     }
-    SKnownList& known = (*self->pKnown)[self->nNextKnown];
-    self->nNextKnown = (self->nNextKnown + 1) % kMaxKnown;
-    PyObject* blank = PyDict_New();
-    for (Py_ssize_t i = 0; blank && i < nNames; ++i) {
-        if (PyDict_SetItem(blank, items[i], Py_None) != 0) Py_CLEAR(blank);
-    }
-    if (!blank) return nullptr;
-    Py_XDECREF(known.names);
-    Py_XDECREF(known.blank);
+    if (!made.blank) return nullptr;
     Py_INCREF(names);
-    known.names = names;
-    known.blank = blank;
-    known.ids = resolved.ids;
+    made.names = names;
+    if (self->pKnown->size() < kMaxKnown) {
+        self->nNextKnown = self->pKnown->size();
+        self->pKnown->emplace_back();
+    }
+    std::swap((*self->pKnown)[self->nNextKnown], made);
+    self->nNextKnown = (self->nNextKnown + 1) % kMaxKnown;
+    Py_XDECREF(made.names);
+    Py_XDECREF(made.blank);
     return &resolved.ids;
 }
 

@@ -510,6 +510,7 @@ CSession::EResult CSession::Write(const SDriver& driver, const std::vector<SWrit
             return Ended(patience, false);
         }
     }
+    if (patience.WasSlow()) m_pNews->PushNews("answered");
     return EResult::kDone;
 }
 
