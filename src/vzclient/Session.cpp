@@ -282,7 +282,11 @@ void CSession::Join() {
     if (m_turnOf == std::this_thread::get_id()) return;
     const std::unique_lock<std::timed_mutex> turn(m_turn, 5 * kTurnSlice);
     if (!turn.owns_lock()) return;
-    std::lock_guard<std::mutex> end(m_endLock);
+    CloseSockets();
+}
+
+void CSession::CloseSockets() {
+    std::lock_guard<std::mutex> guard(m_endLock);
     m_bOpen = false;
     m_rcvSock.Close();
     m_reqSock.Close();
@@ -295,6 +299,7 @@ int CSession::Connect(const char* szHost, ULONG nIp, const char* szUser, const c
         ~SGuarded() {
             session.m_reqSock.SetGuard(nullptr);
             session.m_rcvSock.SetGuard(nullptr);
+            if (!session.m_receiver.joinable()) session.CloseSockets();
         }
     } guarded{*this};
     m_reqSock.SetGuard(&patience);

@@ -146,6 +146,7 @@ class CSession final : public CPlantConnection {
 
     EResult Ended(CPatience& patience, bool bDone);
     bool StartReceiving();
+    void CloseSockets();
     void Receive();
     void TraceReceived(const BYTE* pBytes, size_t nLen);
 
