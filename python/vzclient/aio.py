@@ -266,6 +266,7 @@ class _AsyncEvents(Generic[Item]):
         raise ConnectionLost("waiting for an event of %s: the watch is closed" % self._plant.host)
 
     async def _fill(self, watch: "_watches._Events[Item]", timeout: Optional[float]) -> bool:
+        waited = False
         while not self._batch and not watch._closed:
             events = watch._feed.take(0, _BATCH)
             if events is None:
@@ -274,6 +275,9 @@ class _AsyncEvents(Generic[Item]):
             self._batch.extend(events)
             if not events:
                 await self._readable(watch._feed.fileno(), timeout)
+                waited = True
+            elif not waited:  # other tasks have their turn, however many events are there
+                await asyncio.sleep(0)
         return bool(self._batch)
 
     async def _readable(self, descriptor: int, timeout: Optional[float]) -> None:

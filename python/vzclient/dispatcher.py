@@ -1,5 +1,6 @@
 """The thread on which functions of the user are called."""
 
+import itertools
 import logging
 import threading
 from typing import TYPE_CHECKING, Any, Callable, Dict, Optional, cast
@@ -23,9 +24,9 @@ class Dispatcher:
     def __init__(self, plant: "Plant", on_error: Optional[Callable[[BaseException], Any]]) -> None:
         self._plant = plant
         self._on_error = on_error
-        self._lock = threading.Lock()
+        self._lock = threading.RLock()  # a signal's handler may come while its thread holds it
         self._subscriptions = {}  # type: Dict[int, Subscription]
-        self._last_token = 0
+        self._tokens = itertools.count(1)
         self._thread = None  # type: Optional[threading.Thread]
         self.errors = 0
 
@@ -35,9 +36,9 @@ class Dispatcher:
         if not callable(function):
             raise TypeError("a subscription calls a function, %r is none" % (function,))
         with self._lock:
-            self._last_token += 1
-            subscription = Subscription(self._plant, self._last_token, function, on_error)
-            self._subscriptions[self._last_token] = subscription
+            token = next(self._tokens)
+            subscription = Subscription(self._plant, token, function, on_error)
+            self._subscriptions[token] = subscription
             if self._thread is None:
                 self._thread = threading.Thread(target=self._run, name="vzclient-dispatcher",
                                                 daemon=True)
@@ -71,10 +72,10 @@ class Dispatcher:
                 try:
                     subscription._function(self._plant._alarm(cast(AlarmRecord, event))
                                            if type(event) is tuple else event)
-                except Exception as error:
+                except BaseException as error:  # also SystemExit: others wait for their calls
                     self._report(subscription, error)
 
-    def _report(self, subscription: Subscription, error: Exception) -> None:
+    def _report(self, subscription: Subscription, error: BaseException) -> None:
         self.errors += 1
         _log.exception("the callback %r of %s raised", subscription._function, self._plant.host)
         on_error = subscription._on_error or self._on_error
@@ -82,5 +83,5 @@ class Dispatcher:
             return
         try:
             on_error(error)
-        except Exception:
+        except BaseException:
             _log.exception("on_error %r of %s raised in turn", on_error, self._plant.host)

@@ -1,6 +1,8 @@
 """What tells of changes and alarms: watches to iterate over, subscriptions that call functions."""
 
 import collections
+import threading
+import time
 import weakref
 from typing import TYPE_CHECKING, Any, Callable, Deque, Generic, Iterator, Optional, TypeVar
 
@@ -15,6 +17,11 @@ if TYPE_CHECKING:
 
 _BATCH = 512  # events taken out of a queue at once
 Item = TypeVar("Item")
+
+
+def _lock_timeout(timeout: Optional[float]) -> float:
+    """Seconds as locks want them."""
+    return -1 if timeout is None else min(max(timeout, 0.0), threading.TIMEOUT_MAX)
 
 
 class _Events(Generic[Item]):
@@ -33,6 +40,7 @@ class _Events(Generic[Item]):
         self._feed = _vzclient.Feed(plant._routes, queue, overflow)
         self._timeout = timeout
         self._batch = collections.deque()  # type: Deque[Any]
+        self._lock = threading.RLock()  # of the thread that fills the batch, for all who wait
         self._closed = False
         plant._watches[id(self)] = weakref.ref(self)
 
@@ -68,17 +76,25 @@ class _Events(Generic[Item]):
         """Wait until there is something in the batch; False at the end."""
         if self._batch:
             return True
-        if self._closed:
-            return False
         self._plant._check_process()
-        events = self._feed.take(timeout, _BATCH)
-        if events is None:
-            self._plant._check_lost()
-            return False
-        if not events:
-            raise VzTimeoutError("nothing came from %s within %s s" % (self._plant.host, timeout))
-        self._batch.extend(events)
-        return True
+        deadline = None if timeout is None else time.monotonic() + timeout
+        if self._lock.acquire(True, _lock_timeout(timeout)):
+            try:
+                if self._batch:  # another thread has filled it meanwhile
+                    return True
+                if self._closed:
+                    return False
+                left = None if deadline is None else max(deadline - time.monotonic(), 0.0)
+                events = self._feed.take(left, _BATCH)
+                if events is None:
+                    self._plant._check_lost()
+                    return False
+                if events:
+                    self._batch.extend(events)
+                    return True
+            finally:
+                self._lock.release()
+        raise VzTimeoutError("nothing came from %s within %s s" % (self._plant.host, timeout))
 
     @property
     def dropped(self) -> int:

@@ -234,10 +234,8 @@ class CSession::CTurn {
             if (!patience.WaitOn()) return;
         }
         m_bMine = true;
-        if (session.m_bOver) {
-            patience.WaitOn();  // says so
-            return;
-        }
+        // A call that has no time left must not begin: what fails half-way ends the session.
+        if ((session.m_bOver || patience.LeftNs() == 0) && !patience.WaitOn()) return;
         patience.TellSlow(session.m_pNews.get());
         session.m_reqSock.SetGuard(&patience);
         m_eResult = EResult::kDone;

@@ -204,7 +204,8 @@ class _CsvWriter(Writer):
     """
 
     def _begin(self) -> None:
-        self._csv = csv.writer(_Lines(self._stream), lineterminator="\n")
+        # What is in the line's end is quoted: so LF and CR are, although LF alone is written.
+        self._csv = csv.writer(_Lines(self._stream), lineterminator="\r\n")
         self._csv.writerow(self._columns)
 
     def _row(self, row: Sequence[object]) -> None:
@@ -218,7 +219,7 @@ class _Lines:
         self._stream = stream
 
     def write(self, line: str) -> None:
-        put(self._stream, line)
+        put(self._stream, line[:-2] + "\n")
 
 
 def open_writer(form: str, columns: Sequence[str], stream: TextIO, live: bool = False) -> Writer:

@@ -14,6 +14,7 @@ import datetime
 import io
 import math
 import os
+import pathlib
 import sqlite3
 import threading
 from typing import Any, Dict, Iterator, List, NamedTuple, Optional, Sequence, Tuple, Type, Union
@@ -132,6 +133,7 @@ class _CsvFile(_File):
 
 
 _NAMES = ", ".join('"%s"' % column for column in COLUMNS)
+_FULL_NAMES = ", ".join('events."%s"' % column for column in COLUMNS)  # others may be texts
 _INSERT = "INSERT INTO events (%s) VALUES (%s)" % (_NAMES, ", ".join("?" * len(COLUMNS)))
 
 
@@ -220,6 +222,7 @@ class Recorder:
         """Create the file, or open the one that is to be continued."""
         with self._lock:
             self._file = self._file or self._continue()
+            self._file.flush()
 
     def write(self, row: Row) -> None:
         """Add a row."""
@@ -317,11 +320,11 @@ def _csv_rows(path: str) -> Iterator[Row]:
 
 
 def _sqlite_rows(path: str) -> Iterator[Row]:
-    with open(path, "rb"):  # which SQLite would make
+    with open(path, "rb"):  # whose error says more
         pass
-    base = sqlite3.connect(path)
+    base = sqlite3.connect(pathlib.Path(path).absolute().as_uri() + "?mode=ro", uri=True)
     try:
-        for cells in base.execute("SELECT %s FROM events ORDER BY rowid" % _NAMES):
+        for cells in base.execute("SELECT %s FROM events ORDER BY rowid" % _FULL_NAMES):
             row = _row(cells)
             if row is not None:
                 yield row
@@ -348,7 +351,8 @@ def _row(cells: Sequence[Any]) -> Optional[Row]:
             resynced=named["resynced"] in ("true", 1),
             alarm_time=_maybe(_moment, named["alarm_time"]),
             event_time=_maybe(_moment, named["event_time"]),
-            kind=named["kind"], group=named["group"], level=_maybe(int, named["level"]),
+            kind=named["kind"] or None, group=named["group"] or None,
+            level=_maybe(int, named["level"]),
             limit=_maybe(float, named["limit"]), status=_maybe(int, named["status"]))
     except (ValueError, TypeError):
         return None

@@ -103,7 +103,7 @@ class _Recorded:
                     self._texts.setdefault(text, len(self._texts))
                 self._tags.setdefault(row.tag or "", len(self._tags))
         if not self._kinds and not self._tags:
-            raise CommandError("there is nothing to replay in %s" % (", ".join(files) or "it"))
+            raise CommandError("there is nothing to replay in this recording")
 
     def _learn(self, row: Row) -> None:
         key = (row.driver or "", row.tag or "")
