@@ -111,7 +111,7 @@ _vzclient() {
     fi
     [[ -n $words ]] && mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
     if [[ -n $files ]]; then
-        compopt -o filenames 2>/dev/null
+        compopt -o filenames 2>/dev/null || :
         mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$word")
     fi
 }
