@@ -19,7 +19,7 @@ constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kSliceNs = 500 * kNsPerMs;  // signals that come between two waits are seen then
 
 // A static type: those that older interpreters make anew crash their collection of garbage.
-PyTypeObject g_changeType = {PyVarObject_HEAD_INIT(nullptr, 0)};
+PyTypeObject g_changeType;  // of zeros: one with references counts as made already
 
 PyStructSequence_Field kChangeFields[] = {
     {"driver", "name of the driver"},
