@@ -280,7 +280,8 @@ class _AsyncEvents(Generic[Item]):
 
     async def _fill(self, watch: "_watches._Events[Item]", timeout: Optional[float]) -> bool:
         deadline = None if timeout is None else time.monotonic() + timeout
-        waited = False
+        if not self._batch:  # other tasks have their turn, however many events are there
+            await asyncio.sleep(0)
         while not self._batch and not watch._closed:
             events = watch._feed.take(0, _BATCH)
             if events is None:
@@ -289,10 +290,7 @@ class _AsyncEvents(Generic[Item]):
             if events:
                 self._batch.extend(events)
                 self._tell()  # those who wait for what is no longer in the queue
-                if not waited:  # other tasks have their turn, however many events are there
-                    await asyncio.sleep(0)
-                continue
-            waited = True
+                break
             left = None if deadline is None else max(deadline - time.monotonic(), 0.0)
             if not await self._readable(watch._feed.fileno(), left):
                 raise VzTimeoutError("nothing came from %s within %s s"
