@@ -24,7 +24,7 @@ def on_error(error: BaseException) -> None:  # told what on_change raised; calls
 
 
 def on_state(state: vzclient.State) -> None:
-    print("connection", state, flush=True)
+    print("state:", state, flush=True)
 
 
 if __name__ == "__main__":

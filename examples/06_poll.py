@@ -15,7 +15,7 @@ import vzclient
 SERVER = [os.environ.get("VZCLIENT_" + name, "") for name in ("HOST", "USER", "PASSWORD")]
 
 
-def main(period: float, driver: str, *tags: str) -> None:
+def main(seconds: str, driver: str, *tags: str) -> None:
     rows = csv.writer(sys.stdout, lineterminator="\n")
     with vzclient.connect(*SERVER, read_only=True) as plant:
         due = time.monotonic()
@@ -26,13 +26,14 @@ def main(period: float, driver: str, *tags: str) -> None:
                 sys.stdout.flush()
             except (vzclient.ConnectionLost, vzclient.VzTimeoutError) as error:
                 print("no values: %s" % error, file=sys.stderr, flush=True)
-            due = max(due + period, time.monotonic())  # does not drift; when late, goes on at once
+            # Reckoned from when it was due, so it does not drift. When late, it goes on at once.
+            due = max(due + float(seconds), time.monotonic())
             time.sleep(max(0.0, due - time.monotonic()))
 
 
 if __name__ == "__main__":
     try:
-        main(float(sys.argv[1]), *(sys.argv[2:] if len(sys.argv) > 3 else sys.exit(__doc__)))
+        main(*(sys.argv[1:] if len(sys.argv) > 3 else sys.exit(__doc__)))
     except vzclient.VzError as error:
         sys.exit(str(error))
     except KeyboardInterrupt:

@@ -111,6 +111,8 @@ class Plant:
         except BaseException:
             self.close()
             raise
+        finally:
+            self._opening = None
         if on_state is not None:
             tell = on_state
             self._on_state = self._dispatcher.subscribe(

@@ -31,10 +31,8 @@ SEvent& SEvent::operator=(SEvent&& other) noexcept {
 // ---- Feed ---------------------------------------------------------------------------------------
 
 CFeed::CFeed(size_t nCapacity, EOverflow eOverflow)
-    : m_nCapacity(std::max<size_t>(nCapacity, 1)),
-      m_eOverflow(eOverflow),
-      m_hReady(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      m_nFull(m_nCapacity) {
+    : m_nCapacity(std::max<size_t>(nCapacity, 1)), m_eOverflow(eOverflow), m_nFull(m_nCapacity) {
+    m_hReady = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);  // last: from here on nothing throws
     if (m_hReady < 0) throw std::bad_alloc();
 }
 

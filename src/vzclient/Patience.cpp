@@ -13,8 +13,7 @@ namespace {
 
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kNsPerSecond = 1000000000;
-constexpr double kLongestSeconds = 1e9;  // some 30 years
-constexpr int kMostLate = 16;            // waits that may still find something behind the deadline
+constexpr double kLongestSeconds = 1e9;        // some 30 years
 constexpr int64_t kSlowNs = 1 * kNsPerSecond;  // a reply that takes longer is overdue
 
 }  // namespace
@@ -42,17 +41,16 @@ bool CPatience::MayWait() { return LeftNs() >= kSliceMs * kNsPerMs; }
 bool CPatience::Await(SOCKET hSocket, short nEvents) {
     if (m_eEnd != EEnd::kNone) return false;
     const int64_t nStartNs = MonotonicNs();
-    for (bool bFirst = true;; bFirst = false) {
+    for (;;) {
         if (m_bOver) return Stop(EEnd::kSessionOver);
         const int64_t nLeft = LeftNs();
-        if (nLeft == 0 && m_nLate++ == kMostLate) return Stop(EEnd::kTimedOut);
+        if (nLeft == 0) return Stop(EEnd::kTimedOut);  // also for a peer who never stops sending
         const int64_t nSliceNs = std::min<int64_t>(nLeft, kSliceMs * kNsPerMs);
         pollfd fd{hSocket, nEvents, 0};
         const int nReady = poll(&fd, 1, static_cast<int>((nSliceNs + kNsPerMs - 1) / kNsPerMs));
         if (nReady > 0) return !(fd.revents & POLLNVAL);
         // A call that a signal interrupted comes here with its handlers still to run.
-        if ((nReady < 0 || bFirst || nLeft > 0) && !SignalsPass()) return false;
-        if (nLeft == 0) return Stop(EEnd::kTimedOut);
+        if (!SignalsPass()) return false;
         if (m_pNews && !m_bSlow && MonotonicNs() - nStartNs > kSlowNs) {
             m_bSlow = true;
             m_pNews->PushNews("slow");

@@ -14,8 +14,7 @@ int64_t MonotonicNs();
 int64_t DeadlineNs(double fSeconds);
 
 // What keeps a call waiting, and what ends it: its deadline, the end of its session, or a signal
-// whose handler raised. One for the whole call, however many waits it takes. Some of what has come
-// by the deadline is still taken, so that a reply is not lost by a process that was held up.
+// whose handler raised. One for the whole call, however many waits it takes.
 //
 // Ownership: borrows what it is given, which outlives it.
 // Threads:   one thread at a time.
@@ -61,7 +60,6 @@ class CPatience final : public CSocketGuard {
     CFeed* m_pTrace;
     CFeed* m_pNews = nullptr;
     bool m_bSlow = false;
-    int m_nLate = 0;  // waits begun behind the deadline
     bool m_bNotify = false;
     EEnd m_eEnd = EEnd::kNone;
 };
