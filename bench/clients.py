@@ -121,6 +121,10 @@ class Floor:
     def read(self, tags):
         return self.repeated(read_request(tags), requests.read, names_of(tags))
 
+    def read_kept(self, tags):
+        """Of tags from 0 on."""
+        return self.repeated(read_request(tags), requests.read_kept, names_of(tags))
+
     def write(self, values):
         return self.repeated(write_request(values), requests.write,
                              names_of([tag for tag, _ in values]), 0)

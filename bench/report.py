@@ -14,6 +14,7 @@ BEGIN, END = "<!-- begin of the table -->\n", "<!-- end of the table -->\n"
 
 OTHERS = {"plain": "plain Python", "redis": "redis-py, hiredis", "tango": "PyTango"}
 YARDSTICKS = {"older": "VzDBAccess", "dict": "VzDBAccess, made a dict", "floor": "floor",
+              "kept": "floor that keeps values",
               "cached": "floor, names made once", "ascii": "ASCII names"}
 HEAD = ["job", "unit", "module (min-max)", "against", "(min-max)", "ratio (min-max)", "aim", "met",
         *OTHERS.values()]

@@ -9,6 +9,7 @@ from measure import Calls, Job, repeated, same
 
 READ_SIZES = (1, 10, 100, 1000)
 READ_AIM = 1.25
+KEPT_SIZE = 100  # tags from which on it shows that their values are kept
 WRITE_AIMS = {1: 1.3, 100: 2}  # by number of tags
 MEMORY_AIM = 2
 CHINESE_AIM = 1.5
@@ -53,12 +54,17 @@ def read_job(clients, size, peers):
     clients.floor.use(read_request(tags))
     same(requests.read(""), values, "the floor's read")
     same(clients.plain.read(tags), values, "a plain read")
-    return Job("read " + tags_text(size), {
+    sides = {
         "module": clients.reader(names_of(tags), values),
         "floor": Calls(clients.floor.read(tags)),
         "plain": Calls(repeated(clients.plain.read, tags)),
         **peers.sides("read", size),
-    }, aim=("floor", READ_AIM))
+    }
+    if size >= KEPT_SIZE:
+        clients.floor.use(read_request(tags))
+        same(requests.read_kept(""), values, "the floor's read that keeps")
+        sides["kept"] = Calls(clients.floor.read_kept(tags))
+    return Job("read " + tags_text(size), sides, aim=("floor", READ_AIM))
 
 
 def write_job(clients, size, peers):

@@ -1,5 +1,6 @@
 #include "Peer.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -107,6 +108,13 @@ ssize_t __wrap_recv(int fd, void* pBuf, size_t nSize, int nFlags) {
         }
     }
     return __real_recv(fd, pBuf, nSize, nFlags);
+}
+
+int __real_poll(pollfd* pFds, nfds_t nFds, int nMs);
+
+int __wrap_poll(pollfd* pFds, nfds_t nFds, int nMs) {
+    if (t_pPeer && nFds == 1 && (pFds->events & POLLIN)) t_pPeer->BeforeReceive(pFds->fd);
+    return __real_poll(pFds, nFds, nMs);
 }
 
 int __wrap_connect(int fd, const sockaddr*, socklen_t) {

@@ -1,8 +1,9 @@
 // The server's end of the library's connections, played on the thread that calls the library.
 //
-// The programs here are linked so that the library's connect() and recv() come by Peer.cpp first
-// (--wrap). A connect gives the library's descriptor one end of a pair of real sockets. Whenever
-// the library receives and nothing is waiting, the peer first sends its next segment. So every
+// The programs here are linked so that the library's connect(), recv() and poll() come by Peer.cpp
+// first (--wrap). A connect gives the library's descriptor one end of a pair of real sockets.
+// Whenever the library receives, or waits to, and nothing is there, the peer first sends its next
+// segment. So every
 // receive meets just the bytes that the script lets arrive together, and no thread is needed.
 // Pauses (usleep) take no time, conversions that fail print nothing (perror), and a peer can say
 // that no thread is to be had (pthread_create).
@@ -48,7 +49,7 @@ class CPeer {
     // Whether threads can be started; true at first.
     bool m_bThreads = true;
 
-    // Of the wrapped recv().
+    // Of the wrapped recv() and poll().
     void BeforeReceive(int fd);
     // Whether a receive would wait for the peer that stays silent.
     bool IsSilent(int fd) const;

@@ -134,6 +134,70 @@ def replies():
     }
 
 
+def frames():
+    # As target notify, but cut into pieces: the first two bytes tell how.
+    seeds = {name: b"\x05\x01" + data[1:] for name, data in notifications().items()}
+    seeds["whole_chunks"] = b"\x00\x02" + change(3, b"\x01\x02\x03\x04") * 300
+    good = change(17, b"\x05")
+    seeds["longest_text"] = b"\x04\x00" + change(8, b"x" * 2043 + b"\x00") + good
+    seeds["text_too_long"] = b"\x04\x00" + change(8, b"x" * 2044 + b"\x00") + good
+    seeds["system_text_too_long"] = (b"\x04\x00\xff\xff\x10\x00\x00\x03\x00" + b"x" * 2041
+                                     + b"\x00" + good)
+    seeds["good_behind_bad"] = b"\x02\x00" + good + b"\xff\xff\x00" + good
+    return seeds
+
+
+def client():
+    # Operations: 1 look up three names of five, 2 read four tags, 4 watch three, 8 write, 16 watch
+    # alarms, 32 probe, 64 watch two, 128 read one.
+    def seed(how, operations, replies, told=b""):
+        told += b"\xff" * (-len(told) % 8)
+        return bytes([how, operations, len(told) // 8]) + told + replies
+    found = b"L" + struct.pack("<HHHHHH", 1, 3, 0xFFFF, 3, 2, 3) + CUT
+    four = [VALUES["i4"], VALUES["text"], VALUES["r8"], VALUES["bool"]]
+    three = [VALUES["i4"], VALUES["text"], VALUES["ui1"]]
+    values, watched = b"".join(four), b"".join(three)
+    told = change(1, b"\x07\x00\x00\x00") + change(2, b"on\x00") + change(5, b"\x01")
+    lists = b"Size:9\r\n\r\nhigh\nlow\n" + CUT + b"Size:3\r\n\r\na\nb" + CUT
+    probed = b"L\xff\xff\x00\x00" + CUT
+    return {
+        "look_up": seed(0, 1, found), "look_up_bytewise": seed(1, 1, found),
+        "look_up_cut": seed(0, 1, found[:9]), "look_up_refused": seed(0, 1, b"0" + found[1:]),
+        "look_up_silence": seed(0x80, 1, found[:5]),
+        "read": seed(0, 2, read(values)), "read_in_chunks": seed(0, 2, read(*four)),
+        "read_short": seed(0, 2, read(four[0])), "read_one_more": seed(0, 2, read(values + I4)),
+        "read_cut": seed(0, 2, read(values[:-1])),
+        "read_silence": seed(0x80, 2, b"H\x00\x20\x00" + I4),
+        "read_array": seed(0, 2, read(VALUES["array"], b"".join(four[1:]))),
+        "read_behind_array": seed(0, 2, read(VALUES["array"] + I4)),
+        "read_array_cut": seed(0, 2, read(VALUES["array_cut"])),
+        "read_text_cut": seed(0, 2, read(VALUES["text_cut"])),
+        "read_bytewise": seed(1, 2, read(values)),
+        "read_empty_chunks": seed(0, 2, b"H\x01\x00\x00" * 16),
+        "read_too_long": seed(0, 2, b"H\x00\x01\x10" + bytes(4097)),
+        "watch": seed(0, 4, subscribe(watched), told),
+        "watch_in_chunks": seed(0, 4, subscribe(*three), told),
+        "watch_cut": seed(0, 4, subscribe(watched[:-1]), told),
+        "watch_array": seed(0, 4, subscribe(three[0] + VALUES["array"], three[2]), told),
+        "watch_twice": seed(0, 68, subscribe(watched) + subscribe(I4), told + change(7, I4[2:])),
+        "watch_silence": seed(0x80, 4, b"b\x06\x00" + I4[:3], told),
+        "watch_unusable": seed(0, 4, subscribe(watched), b"\xff\xff\x00" + told),
+        "write": seed(0, 8, b""),
+        "alarms": seed(0, 16, b"n\x02\x00" + CUT + ALARM + ALARM + CUT + lists,
+                       b"\xff\xff\x01" + ALARM),
+        "alarms_cut": seed(0, 16, b"n\x02\x00" + CUT + ALARM + ALARM[:-1]),
+        "alarms_list_cut": seed(0, 16, b"n\x00\x00" + CUT + b"Size:9\r\n\r\nhigh\n"),
+        "alarms_silence": seed(0x80, 16, b"n\x00\x00" + CUT + b"Size:99\r\n\r\n"),
+        "alarms_no_lists": seed(0, 16, b"n\x00\x00" + CUT + b"Exist:No\r\n\r\n" + CUT
+                                + b"Exist:No\r\n\r\n"),
+        "alarms_refused": seed(0, 16, b"0"), "probe": seed(0, 32, probed),
+        "probe_end": seed(0, 32, b""),
+        "everything": seed(0, 255, found + read(values) + subscribe(watched) + b"n\x01\x00" + CUT
+                           + ALARM + CUT + lists + probed + subscribe(I4) + read(I4), told),
+        "everything_silence": seed(0x80, 255, found + read(values) + subscribe(watched), told),
+    }
+
+
 def transfers():
     head = b"FileName:f\r\nFileTime:5F5E1000\r\nSize:5\r\n"
     return {
@@ -292,8 +356,8 @@ def packets():
 
 TARGETS = {
     "variant": variants, "notify": notifications, "replies": replies, "transfer": transfers,
-    "drvinfo": driver_files, "lists": lists, "text": texts, "format": formats, "login": logins,
-    "scrambler": packets,
+    "frames": frames, "client": client, "drvinfo": driver_files, "lists": lists, "text": texts,
+    "format": formats, "login": logins, "scrambler": packets,
 }
 
 

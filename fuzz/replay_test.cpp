@@ -62,8 +62,10 @@ TEST_P(Corpus, BreaksNoRule) {
     extern "C" int Fuzz_##name(const uint8_t*, size_t);                                       \
     INSTANTIATE_TEST_SUITE_P(name, Corpus, ::testing::ValuesIn(InputsOf(#name, Fuzz_##name)), \
                              NameOf);
+TARGET(client)
 TARGET(drvinfo)
 TARGET(format)
+TARGET(frames)
 TARGET(lists)
 TARGET(login)
 TARGET(notify)

@@ -4,6 +4,8 @@ from typing import Any, Dict, List, Optional, Tuple, final
 
 from vzclient.types import Value
 
+__version__: str
+
 class Failure(Exception):
     """An operation that failed: its kind and what belongs to it."""
 

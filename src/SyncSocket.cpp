@@ -12,6 +12,7 @@
 #include <climits>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 namespace {
 
@@ -88,10 +89,12 @@ int CSyncSocket::_Recv(void* lpBuf, int nBufLen, int nFlags) {
     return RecvOnce(lpBuf, static_cast<size_t>(nBufLen), nFlags);
 }
 
-// Deliberate: descriptor 0 is forgotten but not closed here, while the destructor closes it.
+// Deliberate: descriptor 0 is forgotten but not closed here, while the destructor closes it. It is
+// given up before: a child forked in between must not take it for its own.
 void CSyncSocket::Close() {
-    if (IsSocket()) close(m_hSocket);
-    m_hSocket = -1;
+    const bool bClose = IsSocket();
+    const SOCKET hSocket = std::exchange(m_hSocket, -1);
+    if (bClose) close(hSocket);
     m_nAhead = 0;
 }
 

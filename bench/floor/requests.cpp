@@ -3,6 +3,7 @@
 //
 //   use(socket, request)    what the methods below send, and where; a descriptor and bytes
 //   read(text)              sends it, receives a reply to a read, gives its value or list of values
+//   read_kept(text)         the same of tags 0, 1, 2, ... when their values are kept, see below
 //   write(text, value)      sends it, gives 0
 //   parse(text)             gives an int
 //   build(count)            gives a list of ints
@@ -19,6 +20,8 @@
 
 #include <cstdint>
 #include <cstring>
+#include <mutex>
+#include <vector>
 
 namespace {
 
@@ -97,6 +100,95 @@ PyObject* ListOfReply(Py_ssize_t nValues, size_t nReply) {
             PyList_SET_ITEM(list, nDone++, value);
             nAt += nUsed;
         }
+    }
+    return list;
+}
+
+// What has to be kept of a tag, as its last value is read from memory and its type is needed for
+// its changes: as large as the module's record, whose name and text are not used here.
+struct SRecord {
+    uint16_t nCode = 0;
+    uint64_t nPayload = 0;
+    char szName[32] = "";
+    uint16_t nId = 0;
+    bool bSubscribed = false;  // then the server is not asked
+};
+static_assert(sizeof(SRecord) == 56, "as large as the module's");
+
+std::vector<SRecord> s_records;
+std::mutex s_recordsLock;  // a receive thread writes them too
+
+// The request of the first nTags tags that are not subscribed.
+void BuildRequest(size_t nTags) {
+    size_t nAt = 3;
+    for (size_t i = 0; i < nTags; ++i) {
+        if (s_records[i].bSubscribed) continue;
+        const uint16_t item[2] = {0, s_records[i].nId};
+        std::memcpy(s_use.request + nAt, item, sizeof item);
+        nAt += sizeof item;
+    }
+    s_use.nRequest = nAt;
+}
+
+// Puts the values of a reply into the records.
+void KeepReply(size_t nTags, size_t nReply) {
+    std::lock_guard<std::mutex> guard(s_recordsLock);
+    size_t nTag = 0;
+    for (size_t nAt = 0; nAt < nReply;) {
+        const size_t nEnd = nAt + kHeader + ReadU16(s_reply + nAt + 2);
+        for (nAt += kHeader; nAt < nEnd && nTag < nTags; ++nTag) {
+            SRecord& record = s_records[nTag];
+            record.nCode = static_cast<uint16_t>(ReadU16(s_reply + nAt));
+            const size_t nSize = record.nCode == kCodeI4 ? 4 : 8;
+            record.nPayload = 0;
+            std::memcpy(&record.nPayload, s_reply + nAt + 2, nSize);
+            nAt += 2 + nSize;
+        }
+    }
+}
+
+PyObject* ObjectOf(unsigned nCode, uint64_t nPayload) {
+    if (nCode == kCodeI4) return PyLong_FromLong(static_cast<int32_t>(nPayload));
+    double d;
+    std::memcpy(&d, &nPayload, sizeof d);
+    return PyFloat_FromDouble(d);
+}
+
+// Reads, keeps, and makes a list of what is kept. Objects are made of copies: the lock of the
+// records must not be held while one is made, which may run any code of the script.
+PyObject* ReadKept(PyObject* /*self*/, PyObject* args) {
+    const char* szText;
+    if (!PyArg_ParseTuple(args, "s", &szText)) return nullptr;
+    const size_t nTags = ReadU16(reinterpret_cast<const uint8_t*>(s_use.request) + 1);
+    while (s_records.size() < nTags) {
+        s_records.emplace_back();
+        s_records.back().nId = static_cast<uint16_t>(s_records.size() - 1);
+    }
+    BuildRequest(nTags);
+    if (!SendRequest()) return Failed("send");
+    const size_t nReply = ReceiveReply();
+    if (!nReply) return Failed("recv");
+    KeepReply(nTags, nReply);
+    struct SCopy {
+        unsigned nCode;
+        uint64_t nPayload;
+    };
+    std::vector<SCopy> copies;
+    copies.reserve(nTags);
+    {
+        std::lock_guard<std::mutex> guard(s_recordsLock);
+        for (size_t i = 0; i < nTags; ++i) {
+            copies.push_back({s_records[i].nCode, s_records[i].nPayload});
+        }
+    }
+    PyObject* list = PyList_New(static_cast<Py_ssize_t>(nTags));
+    for (size_t i = 0; list && i < nTags; ++i) {
+        PyObject* value = ObjectOf(copies[i].nCode, copies[i].nPayload);
+        if (!value) {
+            Py_CLEAR(list);
+            break;
+        }
+        PyList_SET_ITEM(list, static_cast<Py_ssize_t>(i), value);
     }
     return list;
 }
@@ -184,6 +276,7 @@ PyObject* Exchange(PyObject* /*self*/, PyObject* args) {
 PyMethodDef methods[] = {
     {"use", Use, METH_VARARGS, "use(socket, request)"},
     {"read", Read, METH_VARARGS, "read(text) -> value or list of values"},
+    {"read_kept", ReadKept, METH_VARARGS, "read_kept(text) -> list of values"},
     {"write", Write, METH_VARARGS, "write(text, value) -> 0"},
     {"parse", Parse, METH_VARARGS, "parse(text) -> int"},
     {"build", Build, METH_VARARGS, "build(count) -> list of ints"},

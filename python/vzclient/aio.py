@@ -280,6 +280,7 @@ class _AsyncEvents(Generic[Item]):
 
     async def _fill(self, watch: "_watches._Events[Item]", timeout: Optional[float]) -> bool:
         deadline = None if timeout is None else time.monotonic() + timeout
+        waited = False
         while not self._batch and not watch._closed:
             events = watch._feed.take(0, _BATCH)
             if events is None:
@@ -288,7 +289,10 @@ class _AsyncEvents(Generic[Item]):
             if events:
                 self._batch.extend(events)
                 self._tell()  # those who wait for what is no longer in the queue
-                break
+                if not waited:  # other tasks have their turn, however many events are there
+                    await asyncio.sleep(0)
+                continue
+            waited = True
             left = None if deadline is None else max(deadline - time.monotonic(), 0.0)
             if not await self._readable(watch._feed.fileno(), left):
                 raise VzTimeoutError("nothing came from %s within %s s"

@@ -78,6 +78,16 @@ class Driver:
 
         The server does not acknowledge writes: read the tag to see what became of one.
         """
+        self._check_rights()
+        names = tuple(values)
+        try:
+            self._native.write(names, tuple(values[name] for name in names),
+                               self._timeout if timeout is None else timeout)
+        except _vzclient.Failure as failure:
+            raise self._plant._error(failure, "writing %s" % _some(names), self) from None
+
+    def _check_rights(self) -> None:
+        """Raise WriteDenied unless the user may write."""
         plant = self._plant
         if plant.read_only:
             raise WriteDenied("writing to %r on %s: the plant was connected with read_only=True"
@@ -85,12 +95,6 @@ class Driver:
         if not plant.rights & Rights.WRITE:
             raise WriteDenied("writing to %r on %s: user %r has no right to write; give it one on "
                               "the server" % (self._name, plant.host, plant.user))
-        names = tuple(values)
-        try:
-            self._native.write(names, tuple(values[name] for name in names),
-                               self._timeout if timeout is None else timeout)
-        except _vzclient.Failure as failure:
-            raise self._plant._error(failure, "writing %s" % _some(names), self) from None
 
     def watch(self, *names: str, timeout: Optional[float] = None, queue: int = 10000,
               overflow: str = "latest") -> Watch:

@@ -27,7 +27,7 @@ def open_session(plant: "Plant", timeout: float) -> _vzclient.Session:
     session = _vzclient.Session(plant._routes, news, plant._trace_feed)
     plant._opens(session)
     if plant._trace_feed is not None:
-        plant._trace_feed.news("+")
+        plant._trace_feed.news("+%.6f" % time.time())
     try:
         result, hello = session.connect(plant.host, address, plant.user, plant._password,
                                         max(deadline - time.monotonic(), 0.0))

@@ -103,9 +103,9 @@ class Plant:
         self._supervisor = Supervisor(self, reconnect, backoff, heartbeat)
         self._tracer = None
         if trace is not None:
-            from .tracer import Tracer
+            from . import tracer
             self._trace_feed = _vzclient.Feed(self._routes, _TRACE_QUEUE, "oldest")
-            self._tracer = Tracer(self, trace)
+            self._tracer = tracer.Tracer(self, trace)
         try:
             self._adopt(login.open_session(self, self.timeout))
         except BaseException:

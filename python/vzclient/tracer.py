@@ -16,6 +16,17 @@ Sink = Union[TextIO, Callable[[str], Any]]
 """Where the lines of a trace go: a text stream, or a function that gets each without its end."""
 
 
+def lines_of(decoder: Decoder, event: Any) -> Iterator[str]:
+    """The lines of an event of a trace queue: "+" and a time where a session begins, else time,
+    whether it is the notification channel, whether it was sent, and bytes."""
+    if isinstance(event, str):
+        for channel in ("request", "notify"):
+            yield from decoder.feed(float(event[1:]), channel, event[:1], b"")
+    else:
+        when, notify, sent, data = event
+        yield from decoder.feed(when, "notify" if notify else "request", ">" if sent else "<", data)
+
+
 def _printer(stream: TextIO) -> Callable[[str], Any]:
     return lambda line: print(line, file=stream, flush=True)
 
@@ -49,14 +60,7 @@ class Tracer:
         return None
 
     def _lines(self, event: Any) -> Iterator[str]:
-        if isinstance(event, str):  # a session begins
-            import time
-            for channel in ("request", "notify"):
-                yield from self._decoder.feed(time.time(), channel, event, b"")
-        else:
-            when, notify, sent, data = event
-            yield from self._decoder.feed(when, "notify" if notify else "request",
-                                          ">" if sent else "<", data)
+        return lines_of(self._decoder, event)
 
     def _run(self) -> None:
         while True:

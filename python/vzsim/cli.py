@@ -14,7 +14,8 @@ from .plant import Plant
 from .server import Server
 
 
-def _options() -> argparse.ArgumentParser:
+def options() -> argparse.ArgumentParser:
+    """The parser of the command's options."""
     parser = argparse.ArgumentParser(
         prog="vzsim", description="Serves a simulated plant to real-time database clients.")
     parser.add_argument("plant", help="plant file (TOML or JSON), name of a packaged plant "
@@ -36,10 +37,10 @@ def _options() -> argparse.ArgumentParser:
     return parser
 
 
-def _centers(options: argparse.Namespace) -> Dict[str, plantfile.CenterLayout]:
+def _centers(given: argparse.Namespace) -> Dict[str, plantfile.CenterLayout]:
     entries = {}  # type: Dict[str, Any]
-    for mode, given in (("relay", options.center), ("redirect", options.redirect)):
-        for text in given:
+    for mode, texts in (("relay", given.center), ("redirect", given.redirect)):
+        for text in texts:
             name, _, address = text.partition("=")
             entries[name] = {"address": address, "mode": mode}
     return plantfile.center(entries)
@@ -61,28 +62,28 @@ def _log(line: str) -> None:
 
 def main(arguments: Optional[List[str]] = None) -> int:
     """Run the command; returns 0 after SIGTERM or SIGINT, 1 without an address, 2 bad plant."""
-    options = _options().parse_args(arguments)
+    given = options().parse_args(arguments)
     loop = asyncio.new_event_loop()
     asyncio.set_event_loop(loop)
     try:
-        layout = _load(options.plant)
+        layout = _load(given.plant)
         centers = dict(layout.center)
-        centers.update(_centers(options))
-        server = Server(loop, Plant(layout), options.host, options.port, centers,
-                        options.control, options.tick, _log if options.verbose else None)
+        centers.update(_centers(given))
+        server = Server(loop, Plant(layout), given.host, given.port, centers,
+                        given.control, given.tick, _log if given.verbose else None)
     except plantfile.PlantError as error:
         _log("vzsim: %s" % error)
         return 2
     try:
         server.start()
     except (OSError, OverflowError) as error:
-        _log("vzsim: cannot listen on %s:%d: %s" % (options.host, options.port, error))
+        _log("vzsim: cannot listen on %s:%d: %s" % (given.host, given.port, error))
         return 1
     for number in (signal.SIGTERM, signal.SIGINT):
         loop.add_signal_handler(number, loop.stop)
-    if options.control:
+    if given.control:
         control.serve(loop, Controller(server), sys.stdin)
-    print("vzsim: %s listening on %s:%d" % (layout.name, options.host, server.port), flush=True)
+    print("vzsim: %s listening on %s:%d" % (layout.name, given.host, server.port), flush=True)
     loop.run_forever()
     server.close()
     finish(loop)

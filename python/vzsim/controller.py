@@ -173,8 +173,8 @@ class Controller:
             connection.send(frame)
         return len(channels)
 
-    def clear_alarms(self) -> None:
-        self._server.plant.clear_alarms()
+    def clear_alarms(self, tid: Optional[int], type: Optional[int]) -> None:
+        self._server.plant.clear_alarms(tid, type)
 
     # ---- misbehaviour -------------------------------------------------------------------------
 

@@ -132,9 +132,11 @@ class Operations(Scenarios):
                           status=status, value=value, limit=limit, almtm=almtm, evttm=evttm,
                           frame_type=frame_type, active=active, everyone=everyone)
 
-    def clear_alarms(self) -> None:
-        """Forget the active alarms made by ``raise_alarm``; nothing is sent."""
-        self._call("clear_alarms")
+    def clear_alarms(self, tid: Optional[int] = None, type: Optional[int] = None) -> None:
+        """Forget the active alarms made by ``raise_alarm``, or those of a tag or type alone;
+        nothing is sent.
+        """
+        self._call("clear_alarms", tid=tid, type=type)
 
     # ---- misbehaviour -------------------------------------------------------------------------
 

@@ -237,9 +237,10 @@ class Plant:
         """Count an alarm made on order among the active ones."""
         self._extra_alarms.append(alarm)
 
-    def clear_alarms(self) -> None:
-        """Forget the alarms made on order."""
-        self._extra_alarms = []
+    def clear_alarms(self, tid: Optional[int] = None, kind: Optional[int] = None) -> None:
+        """Forget the alarms made on order, or those of a tag or type alone."""
+        self._extra_alarms = [alarm for alarm in self._extra_alarms
+                              if tid not in (None, alarm.tid) or kind not in (None, alarm.type)]
 
     # ---- users and files ----------------------------------------------------------------------
 

@@ -35,16 +35,8 @@ void SkipElements(CByteReader& reader) {
     for (WORD i = 0; i < nCount && !reader.Failed(); ++i) SkipElement(reader);
 }
 
-// Reads the payload of value.vt into value, whose payload is still zero.
+// Takes a payload of the value's width, which the reader has, and its value is no text.
 void ReadPayload(CByteReader& reader, XVariant& value) {
-    if (value.vt == VT_STR) {
-        size_t nLen;
-        const char* szText = reader.TakeText(nLen);
-        if (!szText) return;
-        value.pStrVal = new CString();
-        value.pStrVal->assign(szText, nLen);
-        return;
-    }
     switch (XVariant::GetVTSize(value.vt)) {
         case 1:
             value.bVal = reader.ReadU8();
@@ -56,10 +48,8 @@ void ReadPayload(CByteReader& reader, XVariant& value) {
         case 4:
             value.ulVal = reader.ReadU32();
             break;
-        case 8:
-            value.llVal = static_cast<int64_t>(reader.ReadU64());
-            break;
         default:
+            value.llVal = static_cast<int64_t>(reader.ReadU64());
             break;
     }
 }
@@ -318,15 +308,26 @@ size_t XVariant::ToBuffer(BYTE* pBuffer, size_t /*nBufLen*/, bool bIncludeVT) co
 
 size_t XVariant::FromBuffer(const BYTE* pBuffer, size_t nBufLen, bool bIncludeVT) {
     CByteReader reader(pBuffer, nBufLen);
+    const VARTYPE vtNew = bIncludeVT ? reader.ReadU16() : vt;
+    const size_t nWidth = GetVTSize(vtNew);
+    if (reader.Failed() || nWidth > reader.Left()) return kUndecodable;
+    if (nWidth) {  // in place: most values are numbers, and replies have many of them
+        if (vt == VT_STR) Clear();
+        llVal = 0;
+        vt = vtNew;
+        ReadPayload(reader, *this);
+        return reader.Consumed();
+    }
     XVariant decoded;
-    decoded.vt = bIncludeVT ? reader.ReadU16() : vt;
-    size_t nConsumed = 0;
-    if (decoded.vt == VT_ARRAY) {
-        nConsumed = reader.Consumed();  // the type code alone
-        SkipElements(reader);
+    decoded.vt = vtNew;
+    size_t nConsumed = reader.Consumed();
+    if (vtNew == VT_ARRAY) {
+        SkipElements(reader);  // not consumed
         decoded.vt = kVariantArray;
-    } else {
-        ReadPayload(reader, decoded);
+    } else if (vtNew == VT_STR) {
+        size_t nLen;
+        const char* szText = reader.TakeText(nLen);
+        if (szText) decoded.pStrVal = new CString(std::string(szText, nLen));
         nConsumed = reader.Consumed();
     }
     if (reader.Failed()) return kUndecodable;

@@ -188,12 +188,13 @@ class XVariant {
     // Keeps a length from being taken for bIncludeVT.
     size_t FromBuffer(const BYTE* pBuffer, size_t nBufLen) = delete;
 
-  private:
     // Takes over the content of other, which ends with the former one.
     void Swap(XVariant& other) noexcept {
         std::swap(vt, other.vt);
         std::swap(llVal, other.llVal);
     }
+
+  private:
     XVariant& Become(XVariant&& other) noexcept {
         Swap(other);
         return *this;

@@ -15,13 +15,24 @@ int64_t NowUs() {
     return int64_t{ts.tv_sec} * 1000000 + ts.tv_nsec / 1000;
 }
 
+SEvent& SEvent::operator=(SEvent&& other) noexcept {
+    std::swap(eKind, other.eKind);
+    std::swap(bResynced, other.bResynced);
+    std::swap(bSent, other.bSent);
+    std::swap(bNotify, other.bNotify);
+    std::swap(nToken, other.nToken);
+    std::swap(nTimeUs, other.nTimeUs);
+    std::swap(pTag, other.pTag);
+    value.Swap(other.value);
+    pMore.swap(other.pMore);
+    return *this;
+}
+
 // ---- Feed ---------------------------------------------------------------------------------------
 
 CFeed::CFeed(size_t nCapacity, EOverflow eOverflow)
-    : m_nCapacity(std::max<size_t>(nCapacity, 1)),
-      m_eOverflow(eOverflow),
-      m_hReady(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      m_nFull(m_nCapacity) {
+    : m_nCapacity(std::max<size_t>(nCapacity, 1)), m_eOverflow(eOverflow), m_nFull(m_nCapacity) {
+    m_hReady = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);  // last: from here on nothing throws
     if (m_hReady < 0) throw std::bad_alloc();
 }
 
@@ -58,10 +69,7 @@ bool CFeed::Take(std::vector<SEvent>& events, size_t nMax) {
         events.push_back(std::move(m_events.front()));
         m_events.pop_front();
     }
-    if (m_events.empty()) {
-        m_nFull = m_nCapacity;
-        if (!m_bClosed) SetReady(false);
-    }
+    Settle();
     return nTaken > 0 || !m_bClosed;
 }
 
@@ -71,11 +79,12 @@ void CFeed::Close() {
     SetReady(true);
 }
 
-void CFeed::Forget(uint32_t nToken) {
+void CFeed::Forget(uint32_t nToken) noexcept {
     std::lock_guard<std::mutex> guard(m_lock);
     m_events.erase(std::remove_if(m_events.begin(), m_events.end(),
                                   [&](const SEvent& event) { return event.nToken == nToken; }),
                    m_events.end());
+    Settle();
 }
 
 size_t CFeed::Size() const {
@@ -84,35 +93,49 @@ size_t CFeed::Size() const {
 }
 
 void CFeed::MakeRoom() {
-    if (m_eOverflow == EOverflow::kLatest) KeepNewest();
-    while (m_events.size() >= m_nFull) {
-        m_events.pop_front();
-        ++m_nDropped;
-    }
+    if (m_eOverflow == EOverflow::kLatest) return KeepNewest();
+    m_events.pop_front();
+    ++m_nDropped;
 }
 
-// Of each tag and token the newest value stays, and everything that is no value. Then the feed has
-// room for as many events again as it kept: so the next walk is as far away, and a feed of more
-// tags than its capacity still has a place for each.
+// Of each tag and token the newest value stays; of what is no value the oldest goes, if need be.
+// Then the feed has room for as many events again as it has such values: so the next walk is as far
+// away, and a feed of more tags than its capacity still has a place for each. Nothing has changed
+// when memory is short.
 void CFeed::KeepNewest() {
     struct SHash {
         size_t operator()(const std::pair<const CWatchedTag*, uint32_t>& key) const {
             return std::hash<const CWatchedTag*>()(key.first) ^ (key.second * size_t{0x9E3779B1});
         }
     };
-    std::unordered_set<std::pair<const CWatchedTag*, uint32_t>, SHash> seen;
-    std::deque<SEvent> kept;
-    size_t nTags = 0;
-    for (auto it = m_events.rbegin(); it != m_events.rend(); ++it) {
-        if (it->eKind == SEvent::EKind::kChange) {
-            if (!seen.insert({it->pTag, it->nToken}).second) continue;
-            ++nTags;
-        }
-        kept.push_front(std::move(*it));
+    std::unordered_set<std::pair<const CWatchedTag*, uint32_t>, SHash> newest;
+    std::vector<bool> goes(m_events.size());
+    size_t nKept = 0;
+    for (size_t i = m_events.size(); i-- > 0;) {
+        const SEvent& event = m_events[i];
+        goes[i] = event.eKind == SEvent::EKind::kChange &&
+                  !newest.insert({event.pTag, event.nToken}).second;
+        if (!goes[i]) ++nKept;
     }
-    m_nDropped += m_events.size() - kept.size();
-    m_events.swap(kept);
-    m_nFull = std::max(m_nCapacity, 2 * nTags);
+    m_nFull = std::max(m_nCapacity, 2 * newest.size());
+    for (size_t i = 0; nKept >= m_nFull; ++i) {
+        if (m_events[i].eKind == SEvent::EKind::kChange) continue;
+        goes[i] = true;
+        --nKept;
+    }
+    size_t nTo = 0;
+    for (size_t i = 0; i < m_events.size(); ++i) {
+        if (!goes[i]) m_events[nTo++] = std::move(m_events[i]);
+    }
+    m_nDropped += m_events.size() - nKept;
+    m_events.erase(m_events.begin() + static_cast<std::ptrdiff_t>(nKept), m_events.end());
+}
+
+// After events have gone.
+void CFeed::Settle() {
+    if (!m_events.empty()) return;
+    m_nFull = m_nCapacity;
+    if (!m_bClosed) SetReady(false);
 }
 
 void CFeed::SetReady(bool bReady) {
@@ -181,23 +204,17 @@ bool CRoutes::AlarmsWatched() {
     return !m_alarmRoutes.empty();
 }
 
-template <typename TWhich>
-void CRoutes::DropThose(TWhich which) {
+void CRoutes::Drop(const CFeed* pFeed, uint32_t nToken) {
     std::lock_guard<std::mutex> guard(m_lock);
     const auto drop = [&](std::vector<SRoute>& routes) {
-        routes.erase(std::remove_if(routes.begin(), routes.end(), which), routes.end());
+        routes.erase(std::remove_if(routes.begin(), routes.end(),
+                                    [&](const SRoute& route) {
+                                        return route.pFeed.get() == pFeed && route.nToken == nToken;
+                                    }),
+                     routes.end());
     };
     for (auto& entry : m_tags) drop(entry.second->routes);
     drop(m_alarmRoutes);
-}
-
-void CRoutes::Drop(const CFeed* pFeed, uint32_t nToken) {
-    DropThose(
-        [&](const SRoute& route) { return route.pFeed.get() == pFeed && route.nToken == nToken; });
-}
-
-void CRoutes::DropAll(const CFeed* pFeed) {
-    DropThose([&](const SRoute& route) { return route.pFeed.get() == pFeed; });
 }
 
 void CRoutes::TellChange(CWatchedTag& tag, int64_t nTimeUs, bool bResynced, const SRoute* pOnly) {

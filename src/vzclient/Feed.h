@@ -51,6 +51,11 @@ struct SEvent {
         std::string strText;
     };
 
+    SEvent() = default;
+    SEvent(SEvent&&) = default;
+    // Exchanges the two: so events can change places without memory for their texts.
+    SEvent& operator=(SEvent&& other) noexcept;
+
     EKind eKind = EKind::kChange;
     bool bResynced = false;
     bool bSent = false;
@@ -71,7 +76,7 @@ struct SEvent {
 class CFeed {
   public:
     enum class EOverflow {
-        kLatest,  // a full feed keeps of each tag the newest value, and all else
+        kLatest,  // a full feed keeps of each tag the newest value; of all else the oldest goes
         kOldest   // the oldest event goes
     };
 
@@ -92,7 +97,7 @@ class CFeed {
     // Takes no more events; those that are in can still be taken.
     void Close();
     // Forgets the events of a token.
-    void Forget(uint32_t nToken);
+    void Forget(uint32_t nToken) noexcept;
 
     // Readable while there is something to take or the feed is closed.
     int Descriptor() const { return m_hReady; }
@@ -102,6 +107,7 @@ class CFeed {
   private:
     void MakeRoom();
     void KeepNewest();
+    void Settle();
     void SetReady(bool bReady);
 
     const size_t m_nCapacity;
@@ -137,9 +143,8 @@ class CRoutes {
     PyObject* Watched();
     // Whether some feed wants alarms. Takes m_lock.
     bool AlarmsWatched();
-    // Ends the routes of a feed's token, or all that lead to it. Take m_lock.
+    // Ends all routes of a feed's token. Takes m_lock.
     void Drop(const CFeed* pFeed, uint32_t nToken);
-    void DropAll(const CFeed* pFeed);
 
     // Tells a changed value. bHere: to this route alone, else to all of the tag.
     void TellChange(CWatchedTag& tag, int64_t nTimeUs, bool bResynced, const SRoute* pOnly);
@@ -151,8 +156,5 @@ class CRoutes {
     std::mutex m_lock;
 
   private:
-    template <typename TWhich>
-    void DropThose(TWhich which);
-
     std::unordered_map<std::string, std::unique_ptr<CWatchedTag>> m_tags;  // by both names
 };

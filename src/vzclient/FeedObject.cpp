@@ -18,7 +18,8 @@ namespace {
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kSliceNs = 500 * kNsPerMs;  // signals that come between two waits are seen then
 
-PyTypeObject* g_changeType = nullptr;
+// A static type: those that older interpreters make anew crash their collection of garbage.
+PyTypeObject g_changeType;  // of zeros: one with references counts as made already
 
 PyStructSequence_Field kChangeFields[] = {
     {"driver", "name of the driver"},
@@ -78,7 +79,7 @@ class CItems {
             if (!m_time) return nullptr;
         }
         PyObject* value = ValueToPy(event.value);
-        PyObject* change = value ? PyStructSequence_New(g_changeType) : nullptr;
+        PyObject* change = value ? PyStructSequence_New(&g_changeType) : nullptr;
         if (!change) {
             Py_XDECREF(value);
             return nullptr;
@@ -160,11 +161,7 @@ void Dealloc(PyObject* self) {
 }
 
 void FeedDealloc(PyObject* self) {
-    auto* object = static_cast<SFeedObject*>(static_cast<void*>(self));
-    PyObject* routes = object->routes;
-    if (routes && object->nForks == Forks()) {  // nobody is left to read it
-        Held<CRoutes>(routes)->DropAll(object->pHeld->get());
-    }
+    PyObject* routes = static_cast<SFeedObject*>(static_cast<void*>(self))->routes;
     Dealloc<CFeed>(self);
     Py_XDECREF(routes);
 }
@@ -329,9 +326,10 @@ bool ReadyFeed(PyObject* module) {
     RoutesType.tp_new = RoutesNew;
     RoutesType.tp_dealloc = Dealloc<CRoutes>;
     if (PyType_Ready(&FeedType) < 0 || PyType_Ready(&RoutesType) < 0) return false;
-    if (!g_changeType) g_changeType = PyStructSequence_NewType(&kChangeDesc);
-    return g_changeType &&
-           AddObject(module, "Change", static_cast<PyObject*>(static_cast<void*>(g_changeType))) &&
+    if (!g_changeType.tp_name && PyStructSequence_InitType2(&g_changeType, &kChangeDesc) < 0) {
+        return false;
+    }
+    return AddObject(module, "Change", static_cast<PyObject*>(static_cast<void*>(&g_changeType))) &&
            AddObject(module, "Feed", static_cast<PyObject*>(static_cast<void*>(&FeedType))) &&
            AddObject(module, "Routes", static_cast<PyObject*>(static_cast<void*>(&RoutesType)));
 }

@@ -7,8 +7,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <mutex>
 #include <new>
+#include <set>
 #include <system_error>
 #include <utility>
 
@@ -29,7 +32,7 @@ constexpr size_t kReceiveBytes = 16384;
 constexpr size_t kMaxHeld = 4u << 20;  // bytes received while frames wait; then the server waits
 constexpr int kHoldPollMs = 2;
 constexpr long kForeverMs = 0x7fffffff;
-constexpr std::chrono::milliseconds kTurnSlice(CSocketGuard::kSliceMs);
+constexpr int64_t kTurnSliceNs = int64_t{CSocketGuard::kSliceMs} * 1000000;
 
 // Size of the payload of type vt at the start of nLen bytes; kNoSize when it goes on behind them.
 constexpr size_t kNoSize = static_cast<size_t>(-1);
@@ -110,14 +113,34 @@ class CWatchValues {
     const size_t m_nEnd;
 };
 
+// Guards the notification channel while it is opened: the trace tells its bytes from the others.
+class CNotifyGuard final : public CSocketGuard {
+  public:
+    explicit CNotifyGuard(CPatience& patience) : m_patience(patience) {}
+
+    bool MayWait() override { return m_patience.MayWait(); }
+    bool Await(SOCKET hSocket, short nEvents) override {
+        return m_patience.Await(hSocket, nEvents);
+    }
+    void Passed(bool bSent, const void* pData, size_t nLen) override {
+        m_patience.SetNotify(true);
+        m_patience.Passed(bSent, pData, nLen);
+        m_patience.SetNotify(false);
+    }
+
+  private:
+    CPatience& m_patience;
+};
+
 }  // namespace
 
 // ---- Frames -------------------------------------------------------------------------------------
 
 size_t CFrames::Walk(const BYTE* pBytes, size_t nLen, int64_t nTimeUs) {
     for (size_t nPos = 0;;) {
-        const size_t nFrame = Frame(pBytes + nPos, nLen - nPos, nTimeUs);
-        if (nFrame == kUnusable || (nFrame == 0 && nLen - nPos > kMaxFrame)) {
+        const size_t nAtHand = std::min(nLen - nPos, kMaxFrame);
+        const size_t nFrame = Frame(pBytes + nPos, nAtHand, nTimeUs);
+        if (nFrame == kUnusable || (nFrame == 0 && nAtHand == kMaxFrame)) {
             ++m_nUnusable;
             return nLen;
         }
@@ -181,6 +204,23 @@ size_t CFrames::ChangeFrame(SDriver& driver, const BYTE* pFrame, size_t nLen, in
 
 // ---- Turns and holds ----------------------------------------------------------------------------
 
+bool CSession::TakeTurn(int64_t nWaitNs) {
+    const auto isFree = [this] { return m_turnOf == std::thread::id(); };
+    std::unique_lock<std::mutex> lock(m_turnLock);
+    if (nWaitNs > 0) m_turnGiven.wait_for(lock, std::chrono::nanoseconds(nWaitNs), isFree);
+    if (!isFree()) return false;
+    m_turnOf = std::this_thread::get_id();
+    return true;
+}
+
+void CSession::GiveTurn() {
+    {
+        std::lock_guard<std::mutex> guard(m_turnLock);
+        m_turnOf = std::thread::id();
+    }
+    m_turnGiven.notify_one();
+}
+
 // One operation on the request channel, and the patience it waits with.
 class CSession::CTurn {
   public:
@@ -189,15 +229,11 @@ class CSession::CTurn {
             m_eResult = EResult::kReentered;
             return;
         }
-        while (!session.m_turn.try_lock()) {
-            if (session.m_turn.try_lock_for(std::min<std::chrono::nanoseconds>(
-                    kTurnSlice, std::chrono::nanoseconds(patience.LeftNs())))) {
-                break;
-            }
+        while (!session.TakeTurn(0) &&
+               !session.TakeTurn(std::min(kTurnSliceNs, patience.LeftNs()))) {
             if (!patience.WaitOn()) return;
         }
         m_bMine = true;
-        session.m_turnOf = std::this_thread::get_id();
         // A call that has no time left must not begin: what fails half-way ends the session.
         if ((session.m_bOver || patience.LeftNs() == 0) && !patience.WaitOn()) return;
         patience.TellSlow(session.m_pNews.get());
@@ -208,8 +244,7 @@ class CSession::CTurn {
     ~CTurn() {
         if (!m_bMine) return;
         m_session.m_reqSock.SetGuard(nullptr);
-        m_session.m_turnOf = std::thread::id();
-        m_session.m_turn.unlock();
+        m_session.GiveTurn();
     }
     CTurn(const CTurn&) = delete;
     CTurn& operator=(const CTurn&) = delete;
@@ -261,16 +296,43 @@ CSession::EResult CSession::Ended(CPatience& patience, bool bDone) {
 
 // ---- Life ---------------------------------------------------------------------------------------
 
+// All sessions of the process. Their lock is held for a moment at a time and while the process
+// forks, so that a child finds it free.
+struct CSession::SAll {
+    std::mutex lock;
+    std::set<CSession*> sessions;
+
+    // Never destroyed: a process may fork while it ends.
+    static SAll& Get() {
+        static SAll& all = *new SAll;
+        return all;
+    }
+    static void BeforeFork() { Get().lock.lock(); }
+    static void InParent() { Get().lock.unlock(); }
+    static void InChild() {
+        for (CSession* pSession : Get().sessions) pSession->ForkedChild();
+        Get().sessions.clear();
+        Get().lock.unlock();
+    }
+};
+
 CSession::CSession(std::shared_ptr<CRoutes> pRoutes, std::shared_ptr<CFeed> pNews,
                    std::shared_ptr<CFeed> pTrace)
     : m_pRoutes(std::move(pRoutes)),
       m_pNews(std::move(pNews)),
       m_pTrace(std::move(pTrace)),
-      m_frames(m_drivers, *m_pRoutes) {}
+      m_frames(m_drivers, *m_pRoutes) {
+    static const int nHandlers = pthread_atfork(SAll::BeforeFork, SAll::InParent, SAll::InChild);
+    (void)nHandlers;
+    std::lock_guard<std::mutex> guard(SAll::Get().lock);
+    SAll::Get().sessions.insert(this);
+}
 
 CSession::~CSession() {
     End("closed");
     Join();
+    std::lock_guard<std::mutex> guard(SAll::Get().lock);
+    SAll::Get().sessions.erase(this);
 }
 
 void CSession::Join() {
@@ -280,9 +342,9 @@ void CSession::Join() {
     // An operation ends soon, now that the session has; one that a signal's handler interrupts may
     // wait for us. Then the destructor closes.
     if (m_turnOf == std::this_thread::get_id()) return;
-    const std::unique_lock<std::timed_mutex> turn(m_turn, 5 * kTurnSlice);
-    if (!turn.owns_lock()) return;
+    if (!TakeTurn(5 * kTurnSliceNs)) return;
     CloseSockets();
+    GiveTurn();
 }
 
 void CSession::CloseSockets() {
@@ -294,6 +356,7 @@ void CSession::CloseSockets() {
 
 int CSession::Connect(const char* szHost, ULONG nIp, const char* szUser, const char* szPassword,
                       CPatience& patience) {
+    CNotifyGuard notify(patience);
     struct SGuarded {
         CSession& session;
         ~SGuarded() {
@@ -303,7 +366,7 @@ int CSession::Connect(const char* szHost, ULONG nIp, const char* szUser, const c
         }
     } guarded{*this};
     m_reqSock.SetGuard(&patience);
-    m_rcvSock.SetGuard(&patience);
+    m_rcvSock.SetGuard(&notify);
     m_bTellLan = false;
     m_nHostIp = nIp;
     const int nResult = Login(szHost, szUser, szPassword, m_strProject);
@@ -350,9 +413,11 @@ void CSession::End(const char* szNews) {
     m_pNews->PushNews(szNews);
 }
 
+// Another thread may have been using the sockets: a socket gives its descriptor up before it closes
+// it, so none is closed here that is someone else's.
 void CSession::ForkedChild() {
-    ::close(m_rcvSock.GetSocket());
-    ::close(m_reqSock.GetSocket());
+    m_rcvSock.Close();
+    m_reqSock.Close();
 }
 
 // The receive thread. Bytes that come while frames wait are kept; so a server that sends changes
@@ -492,6 +557,7 @@ CSession::EResult CSession::Write(const SDriver& driver, const std::vector<SWrit
             return Ended(patience, false);
         }
     }
+    if (patience.WasSlow()) m_pNews->PushNews("answered");
     return EResult::kDone;
 }
 

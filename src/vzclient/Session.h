@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -40,7 +41,8 @@ class CFrames {
 
     // Tells what the whole frames at the start of the nLen bytes say. Returns how many bytes are
     // done with; the rest is the start of a frame that goes on in bytes still to come. Bytes behind
-    // a frame that cannot be used are lost: nobody can say where the next one starts.
+    // a frame that cannot be used, or is longer than 2048 bytes, are lost: nobody can say where the
+    // next one starts.
     size_t Walk(const BYTE* pBytes, size_t nLen, int64_t nTimeUs);
 
     std::atomic<uint64_t> m_nChanges{0};
@@ -62,7 +64,8 @@ class CFrames {
 };
 
 // Connected once and never again. An exchange that fails ends the session: what may still come of
-// its reply is never read.
+// its reply is never read. A child that is forked off closes its copies of the descriptors; a
+// session of its parent must not be used there, nor destroyed.
 //
 // Ownership: shares routes and feeds. The destructor ends the session and waits for its thread.
 // Threads:   the operations are thread-safe and take turns. End: thread-safe.
@@ -124,10 +127,6 @@ class CSession final : public CPlantConnection {
     // Ends the session: whoever waits in it stops waiting. szNews is told unless it had ended.
     void End(const char* szNews);
     const std::atomic<bool>& Over() const { return m_bOver; }
-    // In a forked child: closes the descriptors without ending the parent's connection. The object
-    // must not be used any more, nor destroyed.
-    void ForkedChild();
-
     // The lists of alarm texts, UTF-8. Takes the routes' lock.
     void AlarmTexts(std::vector<CString>& texts, std::vector<CString>& tags) const;
 
@@ -143,7 +142,12 @@ class CSession final : public CPlantConnection {
   private:
     class CTurn;
     class CHold;
+    struct SAll;
 
+    void ForkedChild();
+    // Takes the turn when it is free or becomes so within nWaitNs nanoseconds.
+    bool TakeTurn(int64_t nWaitNs);
+    void GiveTurn();
     EResult Ended(CPatience& patience, bool bDone);
     bool StartReceiving();
     void CloseSockets();
@@ -157,7 +161,9 @@ class CSession final : public CPlantConnection {
     CFrames m_frames;
     std::thread m_receiver;
 
-    std::timed_mutex m_turn;
+    std::mutex m_turnLock;
+    std::condition_variable m_turnGiven;
+    // Whose turn it is; none when nobody's. Written with m_turnLock held.
     std::atomic<std::thread::id> m_turnOf{std::thread::id()};
     std::mutex m_joinLock;
     std::mutex m_endLock;  // guards the shutting down of the sockets against their closing

@@ -17,6 +17,7 @@ constexpr double kMsPerDay = 86400e3;
 constexpr int64_t kDateEpochDays = 25569;  // 1970-01-01 as a date
 constexpr double kMaxDate = 2958466;       // 10000-01-01
 constexpr double kMinDate = -657434;       // 0100-01-01
+constexpr int kLastYear = 9999;            // that a datetime holds
 
 // A datetime of broken-down local time, whose tm_gmtoff tells the zone.
 PyObject* LocalToPy(const tm& local, int nUs) {
@@ -40,7 +41,9 @@ PyObject* DateToPy(double fDays) {
     const int64_t nSeconds = nMs >= 0 ? nMs / 1000 : -((999 - nMs) / 1000);
     const time_t nWall = static_cast<time_t>(nSeconds);
     tm wall;
-    if (nWall != nSeconds || !gmtime_r(&nWall, &wall)) return PyFloat_FromDouble(fDays);
+    if (nWall != nSeconds || !gmtime_r(&nWall, &wall) || wall.tm_year > kLastYear - 1900) {
+        return PyFloat_FromDouble(fDays);  // rounding may lead beyond the last year too
+    }
     tm local = wall;
     local.tm_isdst = -1;
     mktime(&local);  // for the zone alone: an hour that the clock skipped stays as it is

@@ -60,8 +60,9 @@ PyMODINIT_FUNC PyInit__vzclient() {
     PyObject* module = PyModule_Create2(&kModule, PYTHON_API_VERSION);
     if (!module) return nullptr;
     if (!g_failure) g_failure = PyErr_NewException("_vzclient.Failure", nullptr, nullptr);
-    if (LoadDateTimes() && AddObject(module, "Failure", g_failure) && ReadyFeed(module) &&
-        ReadySession(module) && ReadyDriver(module)) {
+    if (LoadDateTimes() && PyModule_AddStringConstant(module, "__version__", VZ_VERSION) == 0 &&
+        AddObject(module, "Failure", g_failure) && ReadyFeed(module) && ReadySession(module) &&
+        ReadyDriver(module)) {
         return module;
     }
     Py_DECREF(module);

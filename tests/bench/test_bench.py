@@ -18,8 +18,8 @@ import report  # noqa: E402
 ROWS = {  # the sides of each job, besides the module
     "read 1 tag": {"floor", "plain"},
     "read 10 tags": {"floor", "plain"},
-    "read 100 tags": {"floor", "plain"},
-    "read 1000 tags": {"floor", "plain"},
+    "read 100 tags": {"floor", "kept", "plain"},
+    "read 1000 tags": {"floor", "kept", "plain"},
     "read 1 subscribed tag": {"floor"},
     "read 1000 subscribed tags": {"floor"},
     "write 1 tag": {"floor", "plain"},
@@ -39,6 +39,13 @@ ROWS = {  # the sides of each job, besides the module
     "del db": set(),
     "import": {"floor"},
     "memory of the import": {"floor"},
+    "vzclient: read 1 tag": {"older"},
+    "vzclient: read 10 tags": {"older", "dict"},
+    "vzclient: read 100 tags": {"older", "dict"},
+    "vzclient: read 1000 tags": {"older", "dict"},
+    "vzclient: changes iterated over": set(),
+    "vzclient: changes to a callback": set(),
+    "vzclient: import": set(),
 }
 
 

@@ -11,6 +11,7 @@ import sys
 import pytest
 
 from cache import cache_folder
+from command import Command
 from plants import SMALL_PLANT
 from prelude import PRELUDE, host_of
 from script import ROOT, Script, ScriptError
@@ -90,3 +91,10 @@ def sent(sim):
     def take(codes=None):
         return [data for _, _, data in sim.requests(clear=True, codes=codes)]
     return take
+
+
+@pytest.fixture
+def vz(sim):
+    """The command, for the small plant and its operator."""
+    return Command(VZCLIENT_HOST=host_of(sim), VZCLIENT_USER="operator",
+                   VZCLIENT_PASSWORD="password")

@@ -230,3 +230,10 @@ def test_characters_that_the_stream_lacks_are_escaped(form):
 def test_an_unknown_form_is_refused():
     with pytest.raises(ValueError, match="'xml' is none of table, json, csv"):
         open_writer("xml", ("a",), Stream())
+
+
+@pytest.mark.parametrize("text", ["\r", "a\rb", "a\r\nb", "\n", '\r"'])
+def test_csv_quotes_every_kind_of_line_end(text):
+    out = written("csv", ("text", "next"), (text, 1))
+    assert out == 'text,next\n"%s",1\n' % text.replace('"', '""')
+    assert list(csv.reader(io.StringIO(out, newline=""))) == [["text", "next"], [text, "1"]]

@@ -1,5 +1,6 @@
 #include "Faults.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <iconv.h>
 #include <pthread.h>
@@ -157,15 +158,16 @@ int __wrap_fcntl64(int h, int nCommand, ...) {
     return Fails(EFault::kFcntl, EMFILE) ? -1 : __real_fcntl64(h, nCommand, n);
 }
 
-int __real_pthread_create(pthread_t* pThread, const pthread_attr_t* pAttr, void* (*fn)(void*),
-                          void* arg);
-int __wrap_pthread_create(pthread_t* pThread, const pthread_attr_t* pAttr, void* (*fn)(void*),
-                          void* arg) {
+// By its own name and not by the linker: threads that the standard library starts come here too.
+int pthread_create(pthread_t* pThread, const pthread_attr_t* pAttr, void* (*fn)(void*),
+                   void* arg) noexcept {
+    using FCreate = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    static const auto fnReal = reinterpret_cast<FCreate>(dlsym(RTLD_NEXT, "pthread_create"));
     if (Fails(EFault::kPthreadCreate)) return EAGAIN;
-    if (t_eWho == EWho::kNobody) return __real_pthread_create(pThread, pAttr, fn, arg);
+    if (t_eWho == EWho::kNobody) return fnReal(pThread, pAttr, fn, arg);
     SStart* pStart = static_cast<SStart*>(std::malloc(sizeof(SStart)));
     *pStart = {fn, arg};
-    const int nError = __real_pthread_create(pThread, pAttr, RunReceiver, pStart);
+    const int nError = fnReal(pThread, pAttr, RunReceiver, pStart);
     if (nError != 0) std::free(pStart);
     return nError;
 }

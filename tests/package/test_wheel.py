@@ -38,6 +38,22 @@ def test_the_simulator_has_a_command(venv, tmp_path):
     assert "simulated plant" in done.stdout
 
 
+def test_the_command_line_reads_from_the_simulator(venv, tmp_path):
+    with subprocess.Popen(
+            [str(venv / "vzclient"), "sim", "boiler_house", "--port", "0", "--tick", "0"],
+            cwd=str(tmp_path), stdout=subprocess.PIPE, encoding="utf-8") as simulator:
+        try:
+            port = simulator.stdout.readline().strip().rpartition(":")[2]
+            done = subprocess.run(
+                [str(venv / "vzclient"), "--host", "127.0.0.1:" + port, "--user", "operator",
+                 "read", "Boiler", "Steam pressure", "--csv"], cwd=str(tmp_path),
+                env=dict(os.environ, VZCLIENT_PASSWORD="password"), stdout=subprocess.PIPE,
+                stderr=subprocess.PIPE, encoding="utf-8")
+        finally:
+            simulator.terminate()
+    assert (done.returncode, done.stdout, done.stderr) == (0, "tag,value\nSteam pressure,8.0\n", "")
+
+
 def test_the_wheel_has_the_version_of_the_package(venv):
     done = subprocess.run(
         [str(venv / "python"), "-c",
@@ -46,3 +62,6 @@ def test_the_wheel_has_the_version_of_the_package(venv):
     with open(os.path.join(ROOT, "debian", "changelog"), encoding="utf-8") as stream:
         first = stream.readline()
     assert first.startswith("vzdbaccess (%s) " % done.stdout.strip())
+    told = subprocess.run([str(venv / "vzclient"), "--version"], stdout=subprocess.PIPE,
+                          encoding="utf-8").stdout
+    assert told == "vzclient %s\n" % done.stdout.strip()

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -118,6 +119,39 @@ class CScriptedServer {
             Send(nConn, std::string(1, c));
             Order("pause", [] { return ::usleep(2000) == 0; });
         }
+    }
+    // The same to a peer that may not listen to the end.
+    void DripAnyway(size_t nConn, const std::string& strBytes) {
+        Order("drip anyway", [=] {
+            for (const char c : strBytes) {
+                if (::send(Conn(nConn), &c, 1, MSG_NOSIGNAL) != 1) break;
+                ::usleep(2000);
+            }
+            return true;
+        });
+    }
+    // The same bytes again and again, until the peer is gone.
+    void Flood(size_t nConn, const std::string& strBytes) {
+        Order("flood", [=] {
+            while (::send(Conn(nConn), strBytes.data(), strBytes.size(), MSG_NOSIGNAL) > 0) {
+            }
+            return true;
+        });
+    }
+    // Waits until a descriptor of this process is readable.
+    void Until(int hReadable) {
+        Order("until", [=] { return Ready(hReadable); });
+    }
+    // Takes and drops this many bytes.
+    void Skip(size_t nConn, size_t nBytes) {
+        Order("skip", [=] {
+            std::string str;
+            for (size_t nLeft = nBytes; nLeft > 0; nLeft -= str.size()) {
+                str.clear();
+                if (!Receive(nConn, std::min<size_t>(nLeft, 65536), str)) return false;
+            }
+            return true;
+        });
     }
     void Close(size_t nConn) {
         Order("close", [=] {

@@ -60,7 +60,7 @@ def show(value: object) -> str:
     """A value for people. Times are local, with milliseconds; None is nothing."""
     if isinstance(value, datetime.datetime):
         return _local(value).isoformat(" ", "milliseconds" if value.microsecond else "seconds")
-    return visible(_plain(value))
+    return visible(plain(value))
 
 
 def _local(moment: datetime.datetime) -> datetime.datetime:
@@ -71,7 +71,7 @@ def _local(moment: datetime.datetime) -> datetime.datetime:
         return moment
 
 
-def _plain(value: object) -> str:
+def plain(value: object) -> str:
     """A value as CSV has it."""
     if value is None:
         return ""
@@ -106,7 +106,7 @@ def _jsonable(value: object) -> Any:
         return [_jsonable(item) for item in value]
     if isinstance(value, dict):
         return {str(key): _jsonable(item) for key, item in value.items()}
-    return _plain(value)
+    return plain(value)
 
 
 def put(stream: TextIO, text: str) -> None:
@@ -204,11 +204,12 @@ class _CsvWriter(Writer):
     """
 
     def _begin(self) -> None:
-        self._csv = csv.writer(_Lines(self._stream), lineterminator="\n")
+        # What is in the line's end is quoted: so LF and CR are, although LF alone is written.
+        self._csv = csv.writer(_Lines(self._stream), lineterminator="\r\n")
         self._csv.writerow(self._columns)
 
     def _row(self, row: Sequence[object]) -> None:
-        self._csv.writerow([_plain(value) for value in row])
+        self._csv.writerow([plain(value) for value in row])
 
 
 class _Lines:
@@ -218,7 +219,7 @@ class _Lines:
         self._stream = stream
 
     def write(self, line: str) -> None:
-        put(self._stream, line)
+        put(self._stream, line[:-2] + "\n")
 
 
 def open_writer(form: str, columns: Sequence[str], stream: TextIO, live: bool = False) -> Writer:
