@@ -260,6 +260,16 @@ def test_one_of_several_waiting_tasks_may_go(aio):
                "return [(await soon(task)).value for task in waiting[1:]]") == [5, 6]
 
 
+def test_what_one_task_takes_too_many_of_is_given_to_those_that_wait(aio):
+    assert aio("watch = line.watch('a')\n"
+               "await atake(watch, 1)\n"
+               "waiting = asyncio.ensure_future(watch.get(LIMIT))\n"
+               "await asyncio.sleep(0.02)\n"
+               "for value in (5, 6): plant._plant['line1']['a'] = value\n"
+               "until(lambda: len(watch._watch._feed) == 2)\n"  # the loop stands still meanwhile
+               "return (await watch.get()).value, (await soon(waiting)).value") == (5, 6)
+
+
 # ---- time limits --------------------------------------------------------------------------------
 
 def test_a_request_that_is_not_answered_ends_in_time(aio, sim):
