@@ -586,7 +586,7 @@ def test_arguments_of_no_use_do_not_raise():
 
 
 def test_a_mistake_of_ours_costs_one_line(monkeypatch):
-    monkeypatch.setattr(trace, "_alarm", lambda record: 1 // 0)
+    monkeypatch.setattr(trace.layouts, "alarm", lambda record: 1 // 0)
     decode = decoder()
     frame = bytes.fromhex("FF FF 01" + ALARM)
     assert list(decode.feed(0.0, "notify", "<", frame)) == [
