@@ -21,7 +21,7 @@ with open(os.path.join(ROOT, "debian", "changelog"), encoding="utf-8") as change
     release = changelog.readline().partition("(")[2].partition(")")[0]
 
 root_doc = "docs/index"
-include_patterns = ["README.md", "CHANGELOG.md", "docs/**.md"]
+include_patterns = ["README.md", "CHANGELOG.md", "docs/**.md", "examples/README.md"]
 exclude_patterns = ["build", "tests", "bench", "fuzz"]
 extensions = ["myst_parser", "sphinx.ext.autodoc"]
 highlight_language = "none"

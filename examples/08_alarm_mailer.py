@@ -24,8 +24,8 @@ def main(server: str, sender: str, recipient: str, folder: str) -> None:
 
     outbox = mailbox.Maildir(folder)
     signal.pthread_sigmask(signal.SIG_BLOCK, STOP)  # they are waited for below
-    with vzclient.connect(*SERVER, read_only=True, on_error=print) as plant:
-        plant.on_alarm(keep, existing=True)
+    with vzclient.connect(*SERVER, read_only=True) as plant:
+        plant.on_alarm(keep, existing=True, on_error=lambda error: print(error, flush=True))
         while not signal.sigtimedwait(STOP, 2.0):  # seconds between two looks into the folder
             try:
                 for key in sorted(outbox.keys()):

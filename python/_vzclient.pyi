@@ -1,6 +1,6 @@
 """Native half of the package vzclient. Not for direct use."""
 
-from typing import Any, Dict, List, Optional, Tuple, final
+from typing import Any, Dict, List, Optional, Tuple, Type, final
 
 from vzclient.types import Value
 
@@ -11,18 +11,7 @@ class Failure(Exception):
 
     args: Tuple[str, Any]
 
-@final
-class Change(Tuple[Any, ...]):
-    """A new value of a tag, as a named tuple."""
-
-    n_fields: int
-    n_sequence_fields: int
-    n_unnamed_fields: int
-    driver: str
-    tag: str
-    value: Value
-    time: Any
-    resynced: bool
+def use_change(type: Type[Tuple[Any, ...]], /) -> None: ...
 
 @final
 class Routes:

@@ -17,7 +17,7 @@ import collections
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
-from typing import (Any, AsyncIterator, Awaitable, Callable, Deque, Dict, Generator, Generic,
+from typing import (Any, AsyncIterator, Awaitable, Callable, Deque, Dict, Generator, Generic, List,
                     Mapping, Optional, TypeVar, Union)
 
 from . import driver as _driver
@@ -73,6 +73,10 @@ class _Requests:
         raise VzTimeoutError("a request to %s was not answered within %g s"
                              % (self._host, timeout))
 
+    def later(self, call: Callable[[], Any]) -> None:
+        """``call()`` on the thread, for which nobody waits."""
+        self._executor.submit(call)
+
     def close(self) -> None:
         self._closed = True
         self._executor.shutdown(wait=False)
@@ -93,9 +97,11 @@ class connect:
     async def _connect(self) -> "AsyncPlant":
         requests = _Requests(self._arguments[0])
         abandoned = threading.Event()
+        made = []  # type: List[_plant.Plant]
 
         def make(_: float) -> _plant.Plant:
             plant = _plant.connect(*self._arguments, **self._options)
+            made.append(plant)
             if abandoned.is_set():  # nobody waits for it any more
                 plant.close()
             return plant
@@ -105,6 +111,8 @@ class connect:
             plant = await requests.run(make, self._options.get("timeout", 5.0) + 1.0)
         except BaseException:
             abandoned.set()
+            for plant in made:  # at the same moment
+                requests.later(plant.close)
             requests.close()
             raise
         return AsyncPlant(plant, requests)
@@ -175,8 +183,10 @@ class AsyncPlant:
 
     async def close(self) -> None:
         """End the connection and all watches; more calls do nothing."""
-        await asyncio.get_running_loop().run_in_executor(None, self._plant.close)
-        self._requests.close()
+        try:
+            await asyncio.get_running_loop().run_in_executor(None, self._plant.close)
+        finally:
+            self._requests.close()
 
 
 class AsyncDriver:
@@ -240,13 +250,16 @@ class _AsyncEvents(Generic[Item]):
         self._timeout = timeout
         self._watch = None  # type: Optional[_watches._Events[Item]]
         self._batch = collections.deque()  # type: Deque[Any]
+        self._starting = asyncio.Lock()
+        self._waiting = []  # type: List[asyncio.Future[None]]
 
     async def _start(self) -> "_watches._Events[Item]":
-        if self._watch is None:
-            watch = await self._plant._requests.run(
-                lambda _: self._make(), self._plant._plant.timeout)
-            self._watch = watch
-            return watch
+        async with self._starting:
+            if self._watch is None:
+                watch = await self._plant._requests.run(
+                    lambda _: self._make(), self._plant._plant.timeout)
+                self._watch = watch
+                return watch
         return self._watch
 
     def __aiter__(self) -> AsyncIterator[Item]:
@@ -266,35 +279,41 @@ class _AsyncEvents(Generic[Item]):
         raise ConnectionLost("waiting for an event of %s: the watch is closed" % self._plant.host)
 
     async def _fill(self, watch: "_watches._Events[Item]", timeout: Optional[float]) -> bool:
-        waited = False
+        deadline = None if timeout is None else time.monotonic() + timeout
+        if not self._batch:  # other tasks have their turn, however many events are there
+            await asyncio.sleep(0)
         while not self._batch and not watch._closed:
             events = watch._feed.take(0, _BATCH)
             if events is None:
                 watch._plant._check_lost()
                 return False
-            self._batch.extend(events)
-            if not events:
-                await self._readable(watch._feed.fileno(), timeout)
-                waited = True
-            elif not waited:  # other tasks have their turn, however many events are there
-                await asyncio.sleep(0)
-        return bool(self._batch)
-
-    async def _readable(self, descriptor: int, timeout: Optional[float]) -> None:
-        loop = asyncio.get_running_loop()
-        ready = loop.create_future()
-
-        def tell() -> None:
-            if not ready.done():
-                ready.set_result(None)
-
-        loop.add_reader(descriptor, tell)
-        try:
-            if not await _done(ready, timeout):
+            if events:
+                self._batch.extend(events)
+                self._tell()  # those who wait for what is no longer in the queue
+                break
+            left = None if deadline is None else max(deadline - time.monotonic(), 0.0)
+            if not await self._readable(watch._feed.fileno(), left):
                 raise VzTimeoutError("nothing came from %s within %s s"
                                      % (self._plant.host, timeout))
+        return bool(self._batch)
+
+    async def _readable(self, descriptor: int, timeout: Optional[float]) -> bool:
+        """Wait until there may be something; False when there was not in time."""
+        loop = asyncio.get_running_loop()
+        ready = loop.create_future()
+        self._waiting.append(ready)
+        loop.add_reader(descriptor, self._tell)
+        try:
+            return await _done(ready, timeout)
         finally:
-            loop.remove_reader(descriptor)
+            self._waiting.remove(ready)
+            if not self._waiting:
+                loop.remove_reader(descriptor)
+
+    def _tell(self) -> None:
+        for ready in self._waiting:
+            if not ready.done():
+                ready.set_result(None)
 
     @property
     def dropped(self) -> int:
@@ -305,6 +324,7 @@ class _AsyncEvents(Generic[Item]):
         """End the watch."""
         if self._watch is not None:
             self._watch.close()
+            self._batch.clear()
 
     async def __aenter__(self) -> Any:
         await self._start()
@@ -345,6 +365,8 @@ class AsyncSubscription:
                 result = self._function(event)
                 if isinstance(result, Awaitable):
                     await result
+            except asyncio.CancelledError:  # an Exception before Python 3.8
+                raise
             except Exception as error:
                 asyncio.get_running_loop().call_exception_handler({
                     "message": "a callback of %s raised" % self._events._plant.host,

@@ -155,7 +155,7 @@ class Plant:
         self._check_process()
         state = self._state
         if state.name in ("live", "stale"):
-            state = state._replace(last_heard=self._heard())
+            state = State(state.name, state.since, self._heard(), state.reason)
         return state
 
     @property

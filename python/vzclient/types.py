@@ -2,26 +2,28 @@
 
 import enum
 from datetime import datetime
-from typing import TYPE_CHECKING, NamedTuple, Optional, Tuple, Union
+from typing import NamedTuple, Optional, Tuple, Union
 
-if TYPE_CHECKING:
-    class Change(NamedTuple):
-        """A value of a tag, and when it was received (aware datetime, local time).
-
-        ``resynced``: it was read anew after the connection had been lost.
-        """
-
-        driver: str
-        tag: str
-        value: "Value"
-        time: datetime
-        resynced: bool
-else:
-    from _vzclient import Change  # noqa: F401
+import _vzclient
 
 Value = Union[None, bool, int, float, str, datetime]
 """What a tag can hold. None: the tag has no value."""
 
+
+class Change(NamedTuple):
+    """A value of a tag, and when it was received (aware datetime, local time).
+
+    ``resynced``: it was read anew after the connection had been lost.
+    """
+
+    driver: str
+    tag: str
+    value: Value
+    time: datetime
+    resynced: bool = False
+
+
+_vzclient.use_change(Change)
 
 AlarmRecord = Tuple[int, int, int, int, int, int, int, float, float, bool]
 """An alarm as the native half gives it: times, indices of texts, level, status, value, limit."""
@@ -34,7 +36,7 @@ class Rights(enum.IntFlag):
     WRITE = 8
 
 
-class State(NamedTuple):
+class State:
     """How the connection is.
 
     ``name`` is "connecting", "live", "stale" (connected, but an answer is overdue), "lost" (it is
@@ -43,13 +45,17 @@ class State(NamedTuple):
     something to say. Times are aware datetimes in local time.
     """
 
-    name: str
-    since: datetime
-    last_heard: Optional[datetime]
-    reason: str
+    __slots__ = ("name", "since", "last_heard", "reason")
+
+    def __init__(self, name: str, since: datetime, last_heard: Optional[datetime] = None,
+                 reason: str = "") -> None:
+        self.name, self.since, self.last_heard, self.reason = name, since, last_heard, reason
 
     def __str__(self) -> str:
         return "%s (%s)" % (self.name, self.reason) if self.reason else self.name
+
+    def __repr__(self) -> str:
+        return "<State %s since %s>" % (self, self.since.isoformat(" ", "seconds"))
 
 
 class Stats(NamedTuple):

@@ -115,6 +115,33 @@ PyObject* FailUnknown(PyObject* const* names, const std::vector<WORD>& ids) {
     return tuple ? Fail("unknown", tuple) : nullptr;
 }
 
+// Keeps a list of names in place of the oldest one. False with an error set. A list that is kept is
+// whole, whatever fails.
+bool Know(SDriverObject* self, PyObject* names, const std::vector<WORD>& ids) {
+    SKnownList known;
+    known.ids = ids;
+    if (!self->pKnown) self->pKnown = new std::vector<SKnownList>;
+    self->pKnown->reserve(kMaxKnown);
+    known.blank = PyDict_New();
+    for (Py_ssize_t i = 0; known.blank && i < PyTuple_GET_SIZE(names); ++i) {
+        if (PyDict_SetItem(known.blank, PyTuple_GET_ITEM(names, i), Py_None) != 0) {
+            Py_CLEAR(known.blank);
+        }
+    }
+    if (!known.blank) return false;
+    Py_INCREF(names);
+    known.names = names;
+    if (self->pKnown->size() < kMaxKnown) {
+        self->pKnown->push_back(std::move(known));
+        return true;
+    }
+    std::swap(known, (*self->pKnown)[self->nNextKnown]);
+    self->nNextKnown = (self->nNextKnown + 1) % kMaxKnown;
+    Py_DECREF(known.names);
+    Py_DECREF(known.blank);
+    return true;
+}
+
 // The ids of a tuple of names: of a known list, or resolved. Null with an error set. With bSkip
 // names that no tag has are no error.
 const std::vector<WORD>* IdsOf(SDriverObject* self, CSession& session, PyObject* names,
@@ -137,27 +164,7 @@ const std::vector<WORD>* IdsOf(SDriverObject* self, CSession& session, PyObject*
         return nullptr;
     }
     if (nNames < kMinKnown || !resolved.bAll) return &resolved.ids;
-    if (!self->pKnown) self->pKnown = new std::vector<SKnownList>;
-    self->pKnown->reserve(kMaxKnown);
-    // Complete before it is found: memory may be short at each step.
-    SKnownList made;
-    made.ids = resolved.ids;
-    made.blank = PyDict_New();
-    for (Py_ssize_t i = 0; made.blank && i < nNames; ++i) {
-        if (PyDict_SetItem(made.blank, items[i], Py_None) != 0) Py_CLEAR(made.blank);
-    }
-    if (!made.blank) return nullptr;
-    Py_INCREF(names);
-    made.names = names;
-    if (self->pKnown->size() < kMaxKnown) {
-        self->nNextKnown = self->pKnown->size();
-        self->pKnown->emplace_back();
-    }
-    std::swap((*self->pKnown)[self->nNextKnown], made);
-    self->nNextKnown = (self->nNextKnown + 1) % kMaxKnown;
-    Py_XDECREF(made.names);
-    Py_XDECREF(made.blank);
-    return &resolved.ids;
+    return Know(self, names, resolved.ids) ? &resolved.ids : nullptr;
 }
 
 CSession* SessionOf(SDriverObject* self) { return Held<CSession>(self->session); }

@@ -1,9 +1,6 @@
-// The types Feed, Routes and Change of the module _vzclient.
+// The types Feed and Routes of the module _vzclient.
 
 #include "vzclient/Objects.h"
-
-// The interpreter's header does not bring it before 3.12.
-#include <structseq.h>
 
 #include <poll.h>
 
@@ -18,19 +15,8 @@ namespace {
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kSliceNs = 500 * kNsPerMs;  // signals that come between two waits are seen then
 
-// A static type: those that older interpreters make anew crash their collection of garbage.
-PyTypeObject g_changeType = {PyVarObject_HEAD_INIT(nullptr, 0)};
-
-PyStructSequence_Field kChangeFields[] = {
-    {"driver", "name of the driver"},
-    {"tag", "name of the tag"},
-    {"value", "its new value"},
-    {"time", "when it was received: aware datetime in local time"},
-    {"resynced", "whether it was read anew after the connection had been lost"},
-    {nullptr, nullptr},
-};
-PyStructSequence_Desc kChangeDesc = {"vzclient.Change", "A new value of a tag, as a named tuple.",
-                                     kChangeFields, 5};
+PyObject* g_changeType = nullptr;  // the named tuple that scripts see
+constexpr Py_ssize_t kChangeFields = 5;
 
 // Makes items of events. Keeps the last time: events that came together have the same.
 class CItems {
@@ -79,17 +65,25 @@ class CItems {
             if (!m_time) return nullptr;
         }
         PyObject* value = ValueToPy(event.value);
-        PyObject* change = value ? PyStructSequence_New(&g_changeType) : nullptr;
-        if (!change) {
-            Py_XDECREF(value);
+        if (!value) return nullptr;
+        if (!g_changeType) {
+            Py_DECREF(value);
+            PyErr_SetString(PyExc_RuntimeError, "no type of changes: import vzclient first");
             return nullptr;
         }
-        PyObject* fields[] = {event.pTag->driver, event.pTag->tag, value, m_time,
-                              event.bResynced ? Py_True : Py_False};
-        for (Py_ssize_t i = 0; i < 5; ++i) {
-            if (i != 2) Py_INCREF(fields[i]);
-            PyStructSequence_SET_ITEM(change, i, fields[i]);
+        auto* type = static_cast<PyTypeObject*>(static_cast<void*>(g_changeType));
+        PyObject* change = type->tp_alloc(type, kChangeFields);
+        if (!change) {
+            Py_DECREF(value);
+            return nullptr;
         }
+        PyObject* fields[kChangeFields] = {event.pTag->driver, event.pTag->tag, value, m_time,
+                                           event.bResynced ? Py_True : Py_False};
+        for (Py_ssize_t i = 0; i < kChangeFields; ++i) {
+            Py_INCREF(fields[i]);
+            PyTuple_SET_ITEM(change, i, fields[i]);
+        }
+        Py_DECREF(value);
         return change;
     }
 
@@ -301,6 +295,25 @@ PyMethodDef kRoutesMethods[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
+PyObject* UseChange(PyObject* /*self*/, PyObject* type) {
+    if (!PyType_Check(type) ||
+        !PyType_IsSubtype(static_cast<PyTypeObject*>(static_cast<void*>(type)), &PyTuple_Type)) {
+        PyErr_SetString(PyExc_TypeError, "changes are tuples");
+        return nullptr;
+    }
+    Py_INCREF(type);
+    PyObject* before = g_changeType;
+    g_changeType = type;
+    Py_XDECREF(before);
+    Py_RETURN_NONE;
+}
+
+PyMethodDef kFeedFunctions[] = {
+    {"use_change", UseChange, METH_O,
+     "use_change(type): make changes of this type, a tuple of driver, tag, value, time, resynced"},
+    {nullptr, nullptr, 0, nullptr},
+};
+
 }  // namespace
 
 PyTypeObject FeedType = {PyVarObject_HEAD_INIT(nullptr, 0)};
@@ -326,10 +339,7 @@ bool ReadyFeed(PyObject* module) {
     RoutesType.tp_new = RoutesNew;
     RoutesType.tp_dealloc = Dealloc<CRoutes>;
     if (PyType_Ready(&FeedType) < 0 || PyType_Ready(&RoutesType) < 0) return false;
-    if (!g_changeType.tp_name && PyStructSequence_InitType2(&g_changeType, &kChangeDesc) < 0) {
-        return false;
-    }
-    return AddObject(module, "Change", static_cast<PyObject*>(static_cast<void*>(&g_changeType))) &&
+    return PyModule_AddFunctions(module, kFeedFunctions) == 0 &&
            AddObject(module, "Feed", static_cast<PyObject*>(static_cast<void*>(&FeedType))) &&
            AddObject(module, "Routes", static_cast<PyObject*>(static_cast<void*>(&RoutesType)));
 }

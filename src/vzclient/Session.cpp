@@ -343,13 +343,15 @@ void CSession::Join() {
     // wait for us. Then the destructor closes.
     if (m_turnOf == std::this_thread::get_id()) return;
     if (!TakeTurn(5 * kTurnSliceNs)) return;
-    {
-        std::lock_guard<std::mutex> end(m_endLock);
-        m_bOpen = false;
-        m_rcvSock.Close();
-        m_reqSock.Close();
-    }
+    CloseSockets();
     GiveTurn();
+}
+
+void CSession::CloseSockets() {
+    std::lock_guard<std::mutex> guard(m_endLock);
+    m_bOpen = false;
+    m_rcvSock.Close();
+    m_reqSock.Close();
 }
 
 int CSession::Connect(const char* szHost, ULONG nIp, const char* szUser, const char* szPassword,
@@ -360,6 +362,7 @@ int CSession::Connect(const char* szHost, ULONG nIp, const char* szUser, const c
         ~SGuarded() {
             session.m_reqSock.SetGuard(nullptr);
             session.m_rcvSock.SetGuard(nullptr);
+            if (!session.m_receiver.joinable()) session.CloseSockets();
         }
     } guarded{*this};
     m_reqSock.SetGuard(&patience);

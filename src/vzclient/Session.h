@@ -150,6 +150,7 @@ class CSession final : public CPlantConnection {
     void GiveTurn();
     EResult Ended(CPatience& patience, bool bDone);
     bool StartReceiving();
+    void CloseSockets();
     void Receive();
     void TraceReceived(const BYTE* pBytes, size_t nLen);
 

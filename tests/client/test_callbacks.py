@@ -122,6 +122,19 @@ def test_a_callback_that_is_too_slow_gets_the_newest(connect, sim):
         1, True, 1001)
 
 
+def test_each_callback_of_a_tag_gets_its_newest_value_when_another_tag_floods(connect, sim):
+    client = connect("queue=6")
+    client("calls, others = [], []\ngate = threading.Event()\n"
+           "first = line.on_change(lambda change: gate.wait(LIMIT) and calls.append(change.value),"
+           " 'a')\n"
+           "second = line.on_change(lambda change: others.append(change.value), 'a')\n"
+           "flood = line.on_change(lambda change: None, 'b')")
+    sim.set_value("line1", "a", 9)
+    sim.push_series("line1", "b", 100, first=10)
+    client("until(lambda: plant.stats.changes == 101)\ngate.set()\n"
+           "until(lambda: calls[-1:] == others[-1:] == [9])")
+
+
 def test_reading_goes_on_while_a_callback_is_stuck(connected):
     connected("gate = threading.Event()\n"
               "subscription = line.on_change(lambda change: gate.wait(LIMIT), 'a')\n"

@@ -10,7 +10,7 @@ import pytest
 
 from command import LIMIT, Command, until
 from prelude import host_of
-from script import ROOT
+from script import ROOT, run
 
 
 @pytest.fixture
@@ -50,6 +50,16 @@ def test_help_goes_to_standard_output(vz):
     assert (code, err) == (0, "")
     assert "--password-file FILE" in out and "completion" in out
     assert "--password " not in out
+
+
+def test_help_loads_nothing_that_only_commands_need():
+    done = run("import sys\n"
+               "from vzclient.cli.main import main\n"
+               "assert main(['--help']) == 0\n"
+               "print(*(set(sys.argv[1:]) & set(sys.modules)), file=sys.stderr)",
+               "asyncio", "csv", "getpass", "json", "socket", "sqlite3", "vzsim", "vzclient.trace",
+               "vzclient.cli.plot", "vzclient.cli.recording", "vzclient.cli.completion")
+    assert (done.returncode, done.stderr) == (0, "\n")
 
 
 def test_the_version_is_that_of_the_package(vz):

@@ -2,6 +2,7 @@
 
 import datetime
 import json
+import os
 import re
 import signal
 import subprocess
@@ -115,12 +116,16 @@ def test_a_watch_ends_quietly_when_nobody_reads_on(sim, vz, command):
         assert (running.process.returncode, running.errors()) == (0, "")
 
 
-@pytest.mark.parametrize("command", [
-    ["read", "wide"] + ["t%04d" % i for i in range(1200)], ["--help"], ["completion", "bash"]])
-def test_a_result_ends_quietly_when_nobody_reads_on(vz, command):
-    done = subprocess.run(
-        ["bash", "-c", '"$@" | head -c 1 >/dev/null; exit ${PIPESTATUS[0]}', "bash"]
-        + vz.line(*command), env=vz.environment(), stderr=subprocess.PIPE, timeout=LIMIT)
+@pytest.mark.parametrize("command", ["drivers", "read line1 a --json", "--help",
+                                     "completion bash"])
+def test_a_result_ends_quietly_when_nobody_reads_it(vz, command):
+    reading, writing = os.pipe()
+    os.close(reading)
+    try:
+        done = subprocess.run(vz.line(*command.split()), env=vz.environment(), stdout=writing,
+                              stderr=subprocess.PIPE, timeout=LIMIT)
+    finally:
+        os.close(writing)
     assert (done.returncode, done.stderr) == (0, b"")
 
 

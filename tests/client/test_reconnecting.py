@@ -160,11 +160,13 @@ def test_a_state_that_is_told_late_is_still_the_right_one(connect_noting, sim, l
     assert said[0] == "live" and said[1:] == told[-len(said) + 1:]
 
 
-def test_a_state_tells_since_when_and_why(connected, sim):
-    connected("live = plant.state\nnow = datetime.datetime.now().astimezone()")
-    assert connected("live.name, live.reason, live.since <= now, live.last_heard <= now,"
-                     " live.since.tzinfo is not None, str(live)") == (
-        "live", "", True, True, True, "live")
+def test_a_state_tells_since_when_and_why(client, connect, sim):
+    client("now = lambda: datetime.datetime.now().astimezone()\nbegun = now()")
+    connected = connect()
+    connected("live, now = plant.state, now()")
+    assert connected("live.name, live.reason, begun <= live.since <= now,"
+                     " begun <= live.last_heard <= now, str(live)") == (
+        "live", "", True, True, "live")
     sim.set_listening(False)
     sim.drop_clients()
     connected("until(lambda: plant.state.name == 'lost' and plant.state.since >= now)")

@@ -14,6 +14,7 @@ from vzsim import SimProcess
 
 DOCS = os.path.join(ROOT, "docs")
 PAGES = sorted(glob.glob(os.path.join(DOCS, "*.md")) + glob.glob(os.path.join(DOCS, "*", "*.md")))
+PAGES.append(os.path.join(ROOT, "examples", "README.md"))
 PLANT = os.path.join(DOCS, "plant.json")
 
 

@@ -398,6 +398,15 @@ def test_alarms_that_had_come_before_the_signal_are_kept(mailer, simulator, tmp_
     assert waiting(tmp_path) == 31
 
 
+def test_an_alarm_that_cannot_be_kept_is_told(mailer, simulator, tmp_path):
+    example = mailer()
+    simulator.wait_requests(1, codes="n")
+    shutil.rmtree(str(tmp_path / "outbox"))
+    with simulator.alarm("Boiler", "Temp"):
+        example.line(r"\A\[Errno 2\] No such file or directory: '.*/outbox/tmp/")
+    assert example.end(signal.SIGTERM) == 0
+
+
 def test_names_beyond_ascii_are_mailed(mail_server, tmp_path):
     mail_server.come()
     with SimProcess("boiler_house", tick=0) as simulator:

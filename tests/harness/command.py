@@ -23,7 +23,7 @@ class Command:
 
     def __init__(self, **variables):
         self.variables = dict({"TZ": "CST-8", "VZCLIENT_HOST": None, "VZCLIENT_USER": None,
-                               "VZCLIENT_PASSWORD": None}, **variables)
+                               "VZCLIENT_PASSWORD": None, "PYTHONUNBUFFERED": None}, **variables)
 
     def environment(self, **more):
         """The environment of a child."""

@@ -98,9 +98,17 @@ def build() -> Parser:
     parser.add_argument("--version", action="version", version="vzclient " + __version__)
     commands = parser.add_subparsers(title="commands", dest="command", metavar="COMMAND")
     commands.required = True
-    _add_reading(commands)
-    _add_following(commands)
-    _add_record(commands)
+    common = Parser(add_help=False)  # adding its options again and again would take its time
+    _add_common(common, True)
+
+    def command(name: str, text: str) -> Parser:
+        added = commands.add_parser(name, help=text, description=text,
+                                    parents=[common])  # type: Parser
+        return added
+
+    _add_reading(command)
+    _add_following(command)
+    _add_record(command)
     _add_others(commands)
     return parser
 
@@ -131,29 +139,22 @@ def _add_common(parser: argparse.ArgumentParser, again: bool) -> None:
         help="tell on standard error what happens")
 
 
-def _command(commands: Any, name: str, text: str) -> Parser:
-    """A command that connects to a server."""
-    parser = commands.add_parser(name, help=text, description=text)  # type: Parser
-    _add_common(parser, True)
-    return parser
+def _add_reading(command: Callable[[str, str], Parser]) -> None:
+    command("drivers", "List the drivers of the project.")
 
-
-def _add_reading(commands: Any) -> None:
-    _command(commands, "drivers", "List the drivers of the project.")
-
-    read = _command(commands, "read", "Read tags.")
+    read = command("read", "Read tags.")
     read.add_argument("driver", metavar="DRIVER")
     read.add_argument("tags", metavar="TAG", nargs="+")
 
-    write = _command(commands, "write", "Write tags. Values are taken as the tag's type has them.")
+    write = command("write", "Write tags. Values are taken as the tag's type has them.")
     write.add_argument("driver", metavar="DRIVER")
     write.add_argument("tags", metavar="TAG=VALUE", nargs="+",
                        help="a number, true or false, a text, or a time in ISO form")
     write.add_argument("--dry-run", action="store_true", help="show what would be written")
 
 
-def _add_following(commands: Any) -> None:
-    watch = _command(commands, "watch", "Show tags, and every change of them.")
+def _add_following(command: Callable[[str, str], Parser]) -> None:
+    watch = command("watch", "Show tags, and every change of them.")
     watch.add_argument("driver", metavar="DRIVER")
     watch.add_argument("tags", metavar="TAG", nargs="+")
     watch.add_argument("--plot", action="store_true", help="draw trends in the terminal")
@@ -161,14 +162,14 @@ def _add_following(commands: Any) -> None:
                        help="what a trend shows (60)")
     _add_end(watch, "changes")
 
-    alarms = _command(commands, "alarms", "Show the active alarms, and all that follow.")
+    alarms = command("alarms", "Show the active alarms, and all that follow.")
     alarms.add_argument("--existing", dest="existing", action="store_true", default=True,
                         help="begin with the alarms that are active (so without this option)")
     alarms.add_argument("--no-existing", dest="existing", action="store_false",
                         help="show only those that follow")
     _add_end(alarms, "alarms")
 
-    ping = _command(commands, "ping", "Connect, and show how many milliseconds each step took.")
+    ping = command("ping", "Connect, and show how many milliseconds each step took.")
     ping.add_argument("--count", type=_whole(1), default=1, metavar="N", help="how often (1)")
     ping.add_argument("--interval", type=seconds, default=1.0, metavar="SECONDS",
                       help="pause between two times (1)")
@@ -180,9 +181,9 @@ def _add_end(parser: argparse.ArgumentParser, what: str) -> None:
                         help="end after so many seconds")
 
 
-def _add_record(commands: Any) -> None:
-    record = _command(commands, "record", "Record changes and alarms in a file, until SIGINT or "
-                      "SIGTERM.")
+def _add_record(command: Callable[[str, str], Parser]) -> None:
+    record = command("record",
+                     "Record changes and alarms in a file, until SIGINT or SIGTERM.")
     record.add_argument("file", metavar="FILE",
                         help="CSV (.csv) or SQLite (.db, .sqlite); one that is there is continued")
     record.add_argument("tags", metavar="DRIVER TAG", nargs="*",

@@ -128,6 +128,8 @@ class Writer:
         self._stream = stream
         self._live = live
         self._begin()
+        if live:
+            stream.flush()
 
     def write(self, row: Sequence[object]) -> None:
         """Add a row; ValueError when it has not one value for each column."""
