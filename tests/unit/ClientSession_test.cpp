@@ -102,6 +102,16 @@ TEST_F(ClientConnect, ServerThatGoesSilentLaterIsGivenUpAtTheDeadline) {
     EXPECT_EQ(eEnd, EEnd::kTimedOut);
 }
 
+TEST_F(ClientConnect, ServerThatIsSilentOnTheOtherChannelIsGivenUpAtTheDeadline) {
+    server.Accept();
+    server.Take(0, &strHello);
+    server.Send(0, "7");
+    server.Accept();
+    server.Take(1, &strNotifyHello);
+    EXPECT_EQ(Connect(0.5), kConnectFailed);
+    EXPECT_EQ(eEnd, EEnd::kTimedOut);
+}
+
 TEST_F(ClientConnect, FileThatDripsIsGivenUpAtTheDeadline) {
     OrderHellos();
     OrderUser();
