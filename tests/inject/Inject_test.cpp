@@ -292,12 +292,13 @@ std::string Notified(CScript& script, const std::string& strHost, CPlantServer& 
     const std::string str = OutcomeOf(script.Connect(strHost));
     if (str != "0") return str;
     script.drv = script.Driver();
+    // The session may have ended already, here as below.
     if (OutcomeOf(script.Read("a,the_flow_of_a_pump,水")) != "[7, 2.5, '" + kText + "']")
-        return "cannot be read";
+        return script.HasDriver("mill") ? "cannot be read" : "lost";
     script.Do(
         "(drv.SetTagNotify(note), db.SetRtAlarmNotify(alarm, 0), "
         "drv.ConnectTag('a,the_flow_of_a_pump,水'))");
-    PyErr_Clear();  // the session may have ended already
+    PyErr_Clear();
     return Told(script, server, true);
 }
 
