@@ -1,5 +1,6 @@
 """Requests cut out of the stream: literal bytes, every shorter prefix, what follows."""
 
+import itertools
 import struct
 
 import pytest
@@ -32,18 +33,19 @@ COMPLETE = [
 ]
 
 
-@pytest.mark.parametrize("wire, request_", COMPLETE)
+@pytest.mark.parametrize("wire, request_", COMPLETE, ids=itertools.count())
 def test_a_complete_request_is_taken_with_its_length(wire, request_):
     assert requests.parse(wire) == (request_, len(wire))
 
 
-@pytest.mark.parametrize("wire, request_", COMPLETE)
+@pytest.mark.parametrize("wire, request_", COMPLETE, ids=itertools.count())
 def test_every_shorter_prefix_waits_for_more(wire, request_):
     for size in range(len(wire)):
         assert requests.parse(wire[:size]) is None
 
 
-@pytest.mark.parametrize("wire, request_", [c for c in COMPLETE if c[0][:1] != b"L"])
+@pytest.mark.parametrize("wire, request_", [c for c in COMPLETE if c[0][:1] != b"L"],
+                         ids=itertools.count())
 def test_what_follows_a_request_is_left_alone(wire, request_):
     assert requests.parse(wire + b"n9") == (request_, len(wire))
 
