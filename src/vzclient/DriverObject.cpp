@@ -345,7 +345,7 @@ PyObject* DriverWatch(PyObject* obj, PyObject* args) {
     return Guarded([&]() -> PyObject* {
         const bool bAnew = feed == Py_None;
         SRoute route{nullptr, nToken};
-        if (!bAnew && !(route.pFeed = Shared<CFeed>(feed))) return nullptr;
+        if (!FeedOrNone(feed, route.pFeed)) return nullptr;
         const int64_t nDeadlineNs = DeadlineNs(fTimeout);
         PyObject** items = &PyTuple_GET_ITEM(names, 0);
         SResolved resolved;

@@ -316,6 +316,16 @@ PyMethodDef kFeedFunctions[] = {
 
 }  // namespace
 
+bool FeedOrNone(PyObject* obj, std::shared_ptr<CFeed>& pFeed) {
+    if (obj == Py_None) return true;
+    if (!PyObject_TypeCheck(obj, &FeedType)) {
+        PyErr_SetString(PyExc_TypeError, "a feed is a Feed or None");
+        return false;
+    }
+    pFeed = Shared<CFeed>(obj);
+    return pFeed != nullptr;
+}
+
 PyTypeObject FeedType = {PyVarObject_HEAD_INIT(nullptr, 0)};
 PyTypeObject RoutesType = {PyVarObject_HEAD_INIT(nullptr, 0)};
 

@@ -73,6 +73,9 @@ void Hold(PyObject* self, std::shared_ptr<T> pHeld) {
     object->nForks = Forks();
 }
 
+// What obj holds, which is a Feed, or null when it is None. False with an error set.
+bool FeedOrNone(PyObject* obj, std::shared_ptr<CFeed>& pFeed);
+
 extern PyTypeObject FeedType;
 extern PyTypeObject RoutesType;
 extern PyTypeObject SessionType;

@@ -26,16 +26,12 @@ PyObject* SessionNew(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
                                      &RoutesType, &routes, &FeedType, &news, &trace)) {
         return nullptr;
     }
-    if (trace != Py_None && !PyObject_TypeCheck(trace, &FeedType)) {
-        PyErr_SetString(PyExc_TypeError, "trace is a Feed or None");
-        return nullptr;
-    }
     return Guarded([&]() -> PyObject* {
         std::shared_ptr<CRoutes> pRoutes = Shared<CRoutes>(routes);
         std::shared_ptr<CFeed> pNews = pRoutes ? Shared<CFeed>(news) : nullptr;
         if (!pNews) return nullptr;
         std::shared_ptr<CFeed> pTrace;
-        if (trace != Py_None && !(pTrace = Shared<CFeed>(trace))) return nullptr;
+        if (!FeedOrNone(trace, pTrace)) return nullptr;
         PyObject* self = type->tp_alloc(type, 0);
         if (!self) return nullptr;
         try {
@@ -129,7 +125,7 @@ PyObject* SessionWatchAlarms(PyObject* self, PyObject* args) {
     if (!pSession) return nullptr;
     return Guarded([&]() -> PyObject* {
         SRoute route{nullptr, nToken};
-        if (feed != Py_None && !(route.pFeed = Shared<CFeed>(feed))) return nullptr;
+        if (!FeedOrNone(feed, route.pFeed)) return nullptr;
         CPatience::EEnd eEnd;
         const CSession::EResult eResult =
             Operate(*pSession, DeadlineNs(fTimeout), eEnd, [&](CPatience& patience) {
