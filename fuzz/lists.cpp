@@ -1,9 +1,9 @@
 // The list files of alarm texts and tags. Input: 0xF0 or more for a file that holds the rest eight
 // times, else once; then the rest.
 
+#include "AlarmList.h"
 #include "Input.h"
 #include "ScratchFolder.h"
-#include "AlarmList.h"
 
 namespace {
 

@@ -50,7 +50,7 @@ bool NameBytes(PyObject* name, std::string& strBytes) {
     }
     strBytes.assign(PyBytes_AS_STRING(bytes), static_cast<size_t>(PyBytes_GET_SIZE(bytes)));
     Py_DECREF(bytes);
-    if (std::memchr(strBytes.data(), 0, strBytes.size())) strBytes.clear();
+    if (strBytes.find('\0') != std::string::npos) strBytes.clear();
     return true;
 }
 
@@ -148,7 +148,7 @@ const std::vector<WORD>* IdsOf(SDriverObject* self, CSession& session, PyObject*
                                int64_t nDeadlineNs, bool bSkip, SResolved& resolved) {
     PyObject** items = &PyTuple_GET_ITEM(names, 0);
     const Py_ssize_t nNames = PyTuple_GET_SIZE(names);
-    const size_t nBytes = static_cast<size_t>(nNames) * sizeof *items;
+    const size_t nBytes = static_cast<size_t>(nNames) * sizeof(void*);
     if (nNames >= kMinKnown && self->pKnown) {
         for (const SKnownList& known : *self->pKnown) {
             if (PyTuple_GET_SIZE(known.names) == nNames &&

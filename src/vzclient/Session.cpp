@@ -601,7 +601,7 @@ CSession::EResult CSession::Watch(SDriver& driver, const std::vector<CWatchedTag
         const WORD nId = ids[asked[i]];
         driver.types[nId].store(values[i].vt, std::memory_order_relaxed);
         driver.watched[nId] = &tag;
-        tag.value = std::move(values[i]);
+        tag.value.Swap(values[i]);
     }
     for (CWatchedTag* pTag : tags) {
         pTag->bHeard = true;

@@ -15,9 +15,9 @@
 // A VALUE is a decimal number, a C hexadecimal float, a text's bytes, or "~" for a type without
 // payload. The tags of a chunk have their number as type.
 
+#include "DrvInfo.h"
 #include "LiveSession.h"
 #include "Peer.h"
-#include "DrvInfo.h"
 
 #include <arpa/inet.h>
 

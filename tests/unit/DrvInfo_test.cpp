@@ -8,9 +8,9 @@
 #include <fstream>
 #include <thread>
 
+#include "DrvInfo.h"
 #include "ProcessState.h"
 #include "TempFolder.h"
-#include "DrvInfo.h"
 #include "WireBytes.h"
 
 namespace {
