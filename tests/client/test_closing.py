@@ -1,5 +1,7 @@
 """What a plant, a watch and a subscription leave behind when they end: nothing."""
 
+import os
+
 import pytest
 
 from script import rounds
@@ -66,14 +68,22 @@ def test_many_connections_leave_no_descriptor_and_no_thread(client):
     client("until(lambda: (descriptors() - before, threads()) == (0, 1))")
 
 
-def test_many_connections_need_no_more_memory(client):
+@pytest.fixture
+def measurable(client):
+    """Skips where the memory of a process is more than what it asked for."""
+    client("None")
+    if client.emulated or "VZ_PRELOAD" in os.environ:
+        pytest.skip("an emulator or a sanitizer has memory of its own")
+
+
+def test_many_connections_need_no_more_memory(client, measurable):
     client(CYCLE)
     client("for _ in range(20): cycle()\ngc.collect()\nbefore = resident()")
     client("for _ in range(%d): cycle()\ngc.collect()" % rounds(100))
     assert client("resident() - before") < 400  # pages; a lost connection is more than 10
 
 
-def test_many_watches_need_no_more_memory(connected):
+def test_many_watches_need_no_more_memory(connected, measurable):
     connected(CYCLE + "\nwide = plant['wide']\n"
               "names = ['t%04d' % i for i in range(1200)]\n"
               "def use():\n"
