@@ -1,5 +1,6 @@
 """Native half of the package vzclient. Not for direct use."""
 
+from datetime import datetime
 from typing import Any, Dict, List, Optional, Tuple, Type, final
 
 from vzclient.types import Value
@@ -11,6 +12,7 @@ class Failure(Exception):
 
     args: Tuple[str, Any]
 
+def local_time(seconds: float, /) -> datetime: ...
 def use_change(type: Type[Tuple[Any, ...]], /) -> None: ...
 
 @final

@@ -6,6 +6,7 @@ import itertools
 import logging
 import os
 import threading
+import time
 import weakref
 from datetime import datetime
 from types import MappingProxyType
@@ -385,12 +386,12 @@ class Plant:
 
 
 def _now() -> datetime:
-    return datetime.now().astimezone()
+    return _local(time.time())
 
 
 def _local(seconds: Union[int, float]) -> datetime:
-    """An aware datetime in local time."""
-    return datetime.fromtimestamp(seconds).astimezone()
+    """An aware datetime in local time, also of seconds that do not fit 32 bits on the board."""
+    return _vzclient.local_time(seconds)
 
 
 def _text(texts: List[str], index: int) -> str:

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cmath>
 #include <mutex>
 
 #include "vzclient/Objects.h"
@@ -13,12 +14,24 @@ namespace {
 std::atomic<int> g_nForks{0};
 PyObject* g_failure = nullptr;
 
+PyObject* LocalTime(PyObject* /*self*/, PyObject* seconds) {
+    const double fSeconds = PyFloat_AsDouble(seconds);
+    if (fSeconds == -1.0 && PyErr_Occurred()) return nullptr;
+    return TimeToPy(std::llround(fSeconds * 1e6));
+}
+
+PyMethodDef kFunctions[] = {
+    {"local_time", LocalTime, METH_O,
+     "local_time(seconds): aware datetime, in local time, of seconds since 1970 UTC"},
+    {nullptr, nullptr, 0, nullptr},
+};
+
 PyModuleDef kModule = {
     PyModuleDef_HEAD_INIT,
     "_vzclient",
     "Native half of the package vzclient. Not for direct use.",
     -1,
-    nullptr,
+    kFunctions,
     nullptr,
     nullptr,
     nullptr,

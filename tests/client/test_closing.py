@@ -80,7 +80,8 @@ def test_many_connections_need_no_more_memory(client, measurable):
     client(CYCLE)
     client("for _ in range(20): cycle()\ngc.collect()\nbefore = resident()")
     client("for _ in range(%d): cycle()\ngc.collect()" % rounds(100))
-    assert client("resident() - before") < 400  # pages; a lost connection is more than 10
+    if not client.emulated:  # an emulator uses memory of its own
+        assert client("resident() - before") < 400  # pages; a lost connection is more than 10
 
 
 def test_many_watches_need_no_more_memory(connected, measurable):
