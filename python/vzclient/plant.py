@@ -219,20 +219,18 @@ class Plant:
     # ---- The end --------------------------------------------------------------------------------
 
     def close(self) -> None:
-        """End the connection, all watches and subscriptions; more calls do nothing.
+        """End the connection, all watches and subscriptions; more calls end what Ctrl-C left.
 
         May be called from anywhere, also within a callback.
         """
         if self._forked():  # whoever held the lock is not there to give it back
             return
         with self._lock:
-            if self._closed:
-                return
-            self._closed = True
             self._supervisor.stop()
             sessions = [each for each in (self._opening, self._session) if each is not None]
-            if self._session is not None:
+            if not self._closed and self._session is not None:
                 self._set_state("closed", "")
+            self._closed = True
         for session in sessions:
             session.end("closed")
         self._queue.close()

@@ -78,8 +78,8 @@ class _Events(Generic[Item]):
             return True
         self._plant._check_process()
         deadline = None if timeout is None else time.monotonic() + timeout
-        if self._lock.acquire(True, _lock_timeout(timeout)):
-            try:
+        try:
+            if self._lock.acquire(True, _lock_timeout(timeout)):
                 if self._batch:  # another thread has filled it meanwhile
                     return True
                 if self._closed:
@@ -92,7 +92,9 @@ class _Events(Generic[Item]):
                 if events:
                     self._batch.extend(events)
                     return True
-            finally:
+        finally:
+            # Asked for, as Ctrl-C may come when the lock has been given and nobody knows yet.
+            if self._lock._is_owned():  # type: ignore[attr-defined]
                 self._lock.release()
         raise VzTimeoutError("nothing came from %s within %s s" % (self._plant.host, timeout))
 
