@@ -4,10 +4,8 @@ The source folder is the repository, so links between pages are the same here an
 of the repository. Only the pages named in ``include_patterns`` are taken.
 """
 
-import importlib.util
 import os
 import sys
-import typing
 from typing import Any, Optional
 
 from pygments.lexers.special import TextLexer
@@ -27,7 +25,7 @@ extensions = ["myst_parser", "sphinx.ext.autodoc"]
 highlight_language = "none"
 myst_heading_anchors = 3
 
-# The native module is built for one interpreter; what it gives out is described in Python.
+# The native module is built for one interpreter.
 autodoc_mock_imports = ["_vzclient"]
 autodoc_member_order = "bysource"
 python_use_unqualified_type_names = True
@@ -40,20 +38,6 @@ html_theme_options = {"fixed_sidebar": True, "page_width": "1060px",
                       "show_powered_by": False}
 html_show_sourcelink = False
 html_copy_source = False
-
-
-def load_types() -> None:
-    """Import the records as a type checker sees them: at run time one of them is native."""
-    path = os.path.join(ROOT, "python", "vzclient", "types.py")
-    spec = importlib.util.spec_from_file_location("vzclient.types", path)
-    assert spec is not None and spec.loader is not None
-    module = sys.modules["vzclient.types"] = importlib.util.module_from_spec(spec)
-    typing.TYPE_CHECKING = True
-    spec.loader.exec_module(module)
-    typing.TYPE_CHECKING = False
-
-
-load_types()
 
 
 def enter_at_the_top(app: Any, error: Optional[Exception]) -> None:
