@@ -83,7 +83,10 @@ def test_without_lists_all_texts_are_question_marks(connected, sim):
 
 
 @pytest.mark.parametrize("seconds,shown", [
-    (0, "1970-01-01 08:00:00+08:00"), (2147483647, "2038-01-19 11:14:07+08:00")])
+    (0, "1970-01-01 08:00:00+08:00"),
+    (2147483647, "2038-01-19 11:14:07+08:00"),
+    (2147483648, "2038-01-19 11:14:08+08:00"),
+    (4294967295, "2106-02-07 14:28:15+08:00")])
 def test_times_of_all_years_are_told(alarms, sim, seconds, shown):
     sim.push_raw(frame(almtm=seconds))
     assert alarms("str(alarms.get(LIMIT).time)") == shown

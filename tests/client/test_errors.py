@@ -283,8 +283,8 @@ class Flood:
 
 def test_a_call_ends_in_time_when_the_server_never_stops_sending(client, sim):
     flood = Flood(sim)
-    client("host = '127.0.0.1:%d'\nplant = connect(timeout=%r, reconnect=False)"
-           % (flood.port, TIME_SCALE))
+    client("host = '127.0.0.1:%d'\nplant = connect(reconnect=False)\nplant.timeout = 0.3"
+           % flood.port)
     sim.set_file("RecData/textlist", b"x", 1)
     assert client("kind_of(plant.alarms)") == "VzTimeoutError"
     client("plant.close()\nimport shutil\n"
