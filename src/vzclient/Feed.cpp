@@ -246,8 +246,3 @@ void CRoutes::TellAlarm(const S2RtAlarm2& alarm, int64_t nTimeUs, bool bResynced
     if (pOnly) return tell(*pOnly);
     for (const SRoute& route : m_alarmRoutes) tell(route);
 }
-
-void CRoutes::StartAnew() {
-    std::lock_guard<std::mutex> guard(m_lock);
-    for (auto& entry : m_tags) entry.second->bHeard = false;
-}

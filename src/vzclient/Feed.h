@@ -33,8 +33,7 @@ struct CWatchedTag {
 
     PyObject* const driver;  // str, owned by the routes
     PyObject* const tag;
-    XVariant value;       // the last one heard; guarded by the routes' lock
-    bool bHeard = false;  // in the session that is connected now; the same
+    XVariant value;  // the last one heard; guarded by the routes' lock
     std::vector<SRoute> routes;
 };
 
@@ -149,8 +148,6 @@ class CRoutes {
     // Tells a changed value. bHere: to this route alone, else to all of the tag.
     void TellChange(CWatchedTag& tag, int64_t nTimeUs, bool bResynced, const SRoute* pOnly);
     void TellAlarm(const S2RtAlarm2& alarm, int64_t nTimeUs, bool bResynced, const SRoute* pOnly);
-    // What was heard in an earlier session is no longer known. Takes m_lock.
-    void StartAnew();
 
     std::vector<SRoute> m_alarmRoutes;
     std::mutex m_lock;

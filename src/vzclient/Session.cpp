@@ -379,7 +379,6 @@ int CSession::Connect(const char* szHost, ULONG nIp, const char* szUser, const c
         if (info.id >= m_drivers.size()) m_drivers.resize(info.id + size_t{1});
         m_drivers[info.id] = std::make_unique<SDriver>(info.id, info.tagNum);
     }
-    m_pRoutes->StartAnew();
     m_nHeardUs = NowUs();
     return StartReceiving() ? kConnected : kConnectFailed;
 }
@@ -604,7 +603,6 @@ CSession::EResult CSession::Watch(SDriver& driver, const std::vector<CWatchedTag
         tag.value.Swap(values[i]);
     }
     for (CWatchedTag* pTag : tags) {
-        pTag->bHeard = true;
         if (pRoute) pTag->routes.push_back(*pRoute);
         m_pRoutes->TellChange(*pTag, nNowUs, !pRoute, pRoute);
     }
