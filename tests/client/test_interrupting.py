@@ -23,8 +23,10 @@ def black_hole():
 def interrupt(client):
     """Starts code that waits for ever, interrupts it, and gives the error's type name."""
     def call(code):
+        tasks.wait_asleep(client.pid, client.pid)  # it has told its last result and waits for code
+        before = tasks.sleeps(client.pid, client.pid)
         client.start(code)
-        tasks.wait_asleep(client.pid, client.pid, tasks.sleeps(client.pid, client.pid) + 1)
+        tasks.wait_asleep(client.pid, client.pid, before + 1)
         os.kill(client.pid, signal.SIGINT)
         with pytest.raises(ScriptError) as caught:
             client.result(timeout=10)
