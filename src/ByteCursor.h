@@ -15,6 +15,14 @@ inline WORD Little(WORD n) { return htole16(n); }
 inline DWORD Little(DWORD n) { return htole32(n); }
 inline uint64_t Little(uint64_t n) { return htole64(n); }
 
+// A little-endian field at any address, whose bytes are known to be there.
+template <typename T>
+T LoadLittle(const BYTE* p) {
+    T n;
+    std::memcpy(&n, p, sizeof n);
+    return Little(n);
+}
+
 // Reads fields one after the other from bytes that someone else owns.
 //
 // The first field that does not fit marks the reader failed; from then on every read gives zero (or

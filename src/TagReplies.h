@@ -1,6 +1,7 @@
 // The replies to reads and subscriptions: chunks of values, cut between values only.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 
 #include "ByteCursor.h"
@@ -13,6 +14,9 @@ constexpr size_t kMaxSubscribed = 519;  // tags in one subscription request
 constexpr size_t kMaxChunk = 4096;      // bytes of values in one chunk
 constexpr int kMaxEmptyChunks = 16;     // in a row; more are a failure
 constexpr size_t kReadHeader = 4;
+
+// Bytes of the request that reads so many tags.
+constexpr size_t ReadBytes(size_t nTags) { return 3 + 4 * std::min(nTags, kMaxRead); }
 
 // Takes the chunks of one reply. TValues is what becomes of their values:
 //   bool Complete() const;                       whether every value that was asked for has come

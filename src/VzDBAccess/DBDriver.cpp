@@ -19,7 +19,6 @@ constexpr size_t kLookupOverhead = 3;  // of each name: driver id and zero byte
 constexpr size_t kMaxName = kLookupBytes - 1 - kLookupOverhead;
 constexpr size_t kLookupReply = 4096;
 constexpr size_t kSubscribeBytes = 2600;
-constexpr size_t kReadBytes = 4096;
 
 // Holds a core still for one operation of a driver; false when its session is over.
 class COperation {
@@ -48,6 +47,34 @@ bool TakeName(std::string_view& list, std::string_view& name) {
 bool IsArray(const BYTE* pValue, size_t nLen) {
     CByteReader reader(pValue, nLen);
     return reader.ReadU16() == VT_ARRAY;
+}
+
+// The script object of a value, as ValueToObj tells.
+inline PyObject* ObjectOf(const XVariant& value) {
+    switch (value.vt) {
+        case VT_I2:
+            return PyLong_FromLong(value.iVal);
+        case VT_I4:
+        case VT_UI4:  // deliberate: read as signed, so 4294967295 gives -1
+        case VT_INT:
+        case VT_UINT:
+            return PyLong_FromLong(value.lVal);
+        case VT_R4:
+            return PyFloat_FromDouble(static_cast<double>(value.fltVal));
+        case VT_R8:
+            return PyFloat_FromDouble(value.dblVal);
+        case VT_STR:
+            return value.pStrVal ? TextToObj(*value.pStrVal) : PyUnicode_FromString("");
+        case VT_BOOL:
+            return PyBool_FromLong(value.boolVal);
+        case VT_I1:  // deliberate: read as unsigned, as VT_UI1
+        case VT_UI1:
+            return PyLong_FromLong(value.bVal);
+        case VT_UI2:
+            return PyLong_FromLong(value.uiVal);
+        default:
+            return nullptr;
+    }
 }
 
 }  // namespace
@@ -161,26 +188,24 @@ bool CDBDriver::ReqBatchGetPoss(SBatch& batch, std::vector<STag*>& reqTags) {
     return true;
 }
 
-// The records of the names of an operation: of a list that is known, or else in reqTags. Null when
-// an exchange failed.
+// The list of an operation: one that is known, or else resolved. Null when an exchange failed.
 // Lists are kept when all their names were cached before the call: only then does the same text
 // give the same list again. And only when the whole text has a GB2312 form: else it is converted
 // each time, and each time the error is told.
-const std::vector<CDBDriver::STag*>* CDBDriver::Resolve(const STagNames& names,
-                                                        std::vector<STag*>& reqTags) {
-    if (!names.bScript) return CheckTagId(names.szText, reqTags) ? &reqTags : nullptr;
+CDBDriver::STagList* CDBDriver::Resolve(const STagNames& names, STagList& resolved) {
+    if (!names.bScript) return CheckTagId(names.szText, resolved.tags) ? &resolved : nullptr;
     const std::string_view text(names.szText);
     if (m_pKnownLists) {
-        if (const std::vector<STag*>* pKnown = m_pKnownLists->Find(text)) return pKnown;
+        if (STagList* pKnown = m_pKnownLists->Find(text)) return pKnown;
     }
     const CUTF82T strTags(names.szText);
     const size_t nCached = m_mapTagToId.size();
-    if (!CheckTagId(strTags, reqTags)) return nullptr;
+    if (!CheckTagId(strTags, resolved.tags)) return nullptr;
     if (m_mapTagToId.size() == nCached && std::string_view(CT2UTF8(strTags)) == text) {
         if (!m_pKnownLists) m_pKnownLists = std::make_unique<CKnownLists>(m_tags.size());
-        m_pKnownLists->Add(text, reqTags);
+        m_pKnownLists->Add(text, resolved.tags);
     }
-    return &reqTags;
+    return &resolved;
 }
 
 // ---- Subscribe and read -------------------------------------------------------------------------
@@ -189,91 +214,107 @@ const std::vector<CDBDriver::STag*>* CDBDriver::Resolve(const STagNames& names,
 class CDBDriver::CReplyValues {
   public:
     // bSubscribe: the values are those of a subscription.
-    CReplyValues(CDBCore& core, const std::vector<STag*>& asked, bool bSubscribe)
-        : m_core(core), m_asked(asked), m_bSubscribe(bSubscribe) {}
+    CReplyValues(CDBDriver& driver, STag* const* ppAsked, size_t nAsked, bool bSubscribe)
+        : m_driver(driver),
+          m_ppNext(ppAsked),
+          m_ppEnd(ppAsked + nAsked),
+          m_bSubscribe(bSubscribe) {}
 
-    bool Complete() const { return m_nNext == m_asked.size(); }
+    bool Complete() const { return m_ppNext == m_ppEnd; }
 
     // Stores the values of one chunk into the records whose turn it is. False for a value cut by
     // the chunk's end and for more values than asked.
-    bool Store(const BYTE* pChunk, size_t nChunk) {
-        std::lock_guard<std::mutex> data(m_core.m_dataLock);
-        for (size_t nPos = 0; nPos < nChunk;) {
-            if (Complete()) return false;
-            STag& tag = *m_asked[m_nNext];
-            const bool bArray = IsArray(pChunk + nPos, nChunk - nPos);
-            const size_t nUsed = tag.value.FromBuffer(pChunk + nPos, nChunk - nPos, true);
+    // Not inlined: among its caller's variables those of this loop would not stay in registers.
+    [[gnu::noinline]] bool Store(const BYTE* pChunk, size_t nChunk) {
+        std::lock_guard<std::mutex> data(m_driver.m_pDBCore->m_dataLock);
+        STag* const* ppTag = m_ppNext;
+        STag* const* const ppEnd = m_ppEnd;
+        const bool bSubscribe = m_bSubscribe;
+        for (size_t nUsed; nChunk > 0; pChunk += nUsed, nChunk -= nUsed) {
+            if (ppTag == ppEnd) return false;
+            STag& tag = **ppTag++;
+            const bool bArray = IsArray(pChunk, nChunk);
+            nUsed = tag.value.FromBuffer(pChunk, nChunk, true);
             if (nUsed == XVariant::kUndecodable) return false;
-            if (m_bSubscribe) tag.bSubscribe = true;
-            ++m_nNext;
+            if (bSubscribe) m_driver.SetSubscribed(tag);
             // The size of an array's elements is not part of its value's size, so nothing can
             // follow it.
             if (bArray) break;
-            nPos += nUsed;
         }
+        m_ppNext = ppTag;
         return true;
     }
 
   private:
-    CDBCore& m_core;
-    const std::vector<STag*>& m_asked;
+    CDBDriver& m_driver;
+    STag* const* m_ppNext;
+    STag* const* const m_ppEnd;
     const bool m_bSubscribe;
-    size_t m_nNext = 0;
 };
 
 // Request: 'b', count (2), then for each tag driver id (2), tag id (2), 0.
 bool CDBDriver::_ConnectTag(const STagNames& names) {
     COperation operation(*m_pDBCore, m_pSession);
-    std::vector<STag*> resolved;
-    const std::vector<STag*>* pTags = operation ? Resolve(names, resolved) : nullptr;
-    if (!pTags) return false;
+    STagList resolved;
+    const STagList* pList = operation ? Resolve(names, resolved) : nullptr;
+    if (!pList) return false;
     BYTE request[kSubscribeBytes];
     CByteWriter writer(request, sizeof request);
     writer.WriteU8(kReqSubscribe);
     writer.WriteU16(0);
-    std::vector<STag*> asked;
-    for (STag* pTag : *pTags) {
-        if (asked.size() == kMaxSubscribed) break;
+    STag* asked[kMaxSubscribed];
+    size_t nAsked = 0;
+    for (STag* pTag : pList->tags) {
+        if (nAsked == kMaxSubscribed) break;
         if (!pTag || pTag->bSubscribe) continue;
         const STagItem item = {m_drvId, pTag->id, 0};
         writer.WriteU16(item.drvId);
         writer.WriteU16(item.dpos);
         writer.WriteU8(item.item);
-        asked.push_back(pTag);
+        asked[nAsked++] = pTag;
     }
-    if (asked.empty()) return true;
-    writer.PatchU16(1, static_cast<WORD>(asked.size()));
+    if (nAsked == 0) return true;
+    writer.PatchU16(1, static_cast<WORD>(nAsked));
     CReqTimeSock& sock = m_pDBCore->m_reqSock;
-    CReplyValues values(*m_pDBCore, asked, true);
+    CReplyValues values(*this, asked, nAsked, true);
     return sock.SendAll(request, static_cast<int>(writer.Size()), 0) &&
            CReplyChunks<CReplyValues>(sock, values).ReceiveSubscribed();
 }
 
 bool CDBDriver::_GetTagValue(LPCTSTR tags, std::vector<STag*>& reqTags) {
-    return CheckTagId(tags, reqTags) && Refresh(reqTags);
+    if (!CheckTagId(tags, reqTags)) return false;
+    STagList list;
+    list.tags = reqTags;
+    return Refresh(list);
 }
 
-// Reads those that are not subscribed, at most 1023 of them, from the server.
+// Those that are not subscribed, at most 1023 of them, are read from the server.
 // Request: 'H', count (2), then for each tag driver id (2), tag id (2).
-bool CDBDriver::Refresh(const std::vector<STag*>& reqTags) {
-    BYTE request[kReadBytes];
-    CByteWriter writer(request, sizeof request);
+void CDBDriver::PlanRead(STagList& list) {
+    list.nSubscribed = STagList::kNotPlanned;
+    list.asked.clear();
+    for (STag* pTag : list.tags) {
+        if (list.asked.size() == kMaxRead) break;
+        if (pTag && !pTag->bSubscribe) list.asked.push_back(pTag);
+    }
+    list.strRequest.resize(ReadBytes(list.asked.size()));
+    CByteWriter writer(&list.strRequest[0], list.strRequest.size());
     writer.WriteU8(kReqRead);
-    writer.WriteU16(0);
-    std::vector<STag*> asked;
-    for (STag* pTag : reqTags) {
-        if (asked.size() == kMaxRead) break;
-        if (!pTag || pTag->bSubscribe) continue;
-        if (asked.empty()) asked.reserve(std::min(reqTags.size(), kMaxRead));
+    writer.WriteU16(static_cast<WORD>(list.asked.size()));
+    for (const STag* pTag : list.asked) {
         writer.WriteU16(m_drvId);
         writer.WriteU16(pTag->id);
-        asked.push_back(pTag);
     }
-    if (asked.empty()) return true;
-    writer.PatchU16(1, static_cast<WORD>(asked.size()));
+    list.nSubscribed = m_nSubscribed;
+}
+
+bool CDBDriver::Refresh(STagList& list) {
+    if (list.nSubscribed != m_nSubscribed) PlanRead(list);
+    if (list.asked.empty()) return true;
     CReqTimeSock& sock = m_pDBCore->m_reqSock;
-    CReplyValues values(*m_pDBCore, asked, false);
-    return sock.SendAll(request, static_cast<int>(writer.Size()), 0) &&
+    CReplyValues values(*this, list.asked.data(), list.asked.size(), false);
+    const int nSize = static_cast<int>(list.strRequest.size());
+    return sock.SendAll(list.strRequest.data(), nSize, 0) &&
            CReplyChunks<CReplyValues>(sock, values).ReceiveRead();
 }
 
@@ -288,24 +329,23 @@ struct CDBDriver::SCopies {
 
 bool CDBDriver::CopyValues(const STagNames& names, SCopies& copies) {
     COperation operation(*m_pDBCore, m_pSession);
-    std::vector<STag*> resolved;
-    const std::vector<STag*>* pTags = operation ? Resolve(names, resolved) : nullptr;
-    if (!pTags || !Refresh(*pTags)) return false;
-    copies.nNames = pTags->size();
-    if (copies.nNames > 1) copies.several.reserve(copies.nNames);
+    STagList resolved;
+    STagList* pList = operation ? Resolve(names, resolved) : nullptr;
+    if (!pList || !Refresh(*pList)) return false;
+    const std::vector<STag*>& tags = pList->tags;
+    copies.nNames = tags.size();
+    if (copies.nNames > 1) copies.several.resize(copies.nNames);
     std::lock_guard<std::mutex> data(m_pDBCore->m_dataLock);
     if (copies.nNames == 1) {
-        const STag* pTag = pTags->front();
+        const STag* pTag = tags.front();
         copies.bKnown = pTag != nullptr;
         if (pTag) copies.single = pTag->value;
         return true;
     }
-    for (const STag* pTag : *pTags) {
-        if (pTag) {
-            copies.several.push_back(pTag->value);
-        } else {
-            copies.several.emplace_back();
-        }
+    XVariant* pCopy = copies.several.data();
+    for (const STag* pTag : tags) {
+        if (pTag) pCopy->CopyWhole(pTag->value);
+        ++pCopy;
     }
     return true;
 }
@@ -318,43 +358,21 @@ PyObject* CDBDriver::GetTagValue(const STagNames& names) {
         return ValueToObj(&copies.single);
     }
     PyObject* list = PyList_New(static_cast<Py_ssize_t>(copies.nNames));
-    for (size_t i = 0; list && i < copies.nNames; ++i) {
-        PyObject* value = ValueToObj(&copies.several[i]);
-        if (value) {
-            PyList_SET_ITEM(list, static_cast<Py_ssize_t>(i), value);
-        } else if (PyErr_Occurred()) {
-            Py_CLEAR(list);
-        }  // deliberate: else the slot stays empty, as that of an unknown name
+    if (!list) return nullptr;
+    Py_ssize_t nSlot = 0;
+    for (const XVariant& copy : copies.several) {
+        PyObject* value = ObjectOf(copy);
+        // Deliberate: a value without an object leaves its slot empty, as an unknown name does.
+        if (!value && PyErr_Occurred()) {
+            Py_DECREF(list);
+            return nullptr;
+        }
+        PyList_SET_ITEM(list, nSlot++, value);
     }
     return list;
 }
 
-PyObject* CDBDriver::ValueToObj(const XVariant* pValue) {
-    switch (pValue->vt) {
-        case VT_I2:
-            return PyLong_FromLong(pValue->iVal);
-        case VT_I4:
-        case VT_UI4:  // deliberate: read as signed, so 4294967295 gives -1
-        case VT_INT:
-        case VT_UINT:
-            return PyLong_FromLong(pValue->lVal);
-        case VT_R4:
-            return PyFloat_FromDouble(static_cast<double>(pValue->fltVal));
-        case VT_R8:
-            return PyFloat_FromDouble(pValue->dblVal);
-        case VT_STR:
-            return pValue->pStrVal ? TextToObj(*pValue->pStrVal) : PyUnicode_FromString("");
-        case VT_BOOL:
-            return PyBool_FromLong(pValue->boolVal);
-        case VT_I1:  // deliberate: read as unsigned, as VT_UI1
-        case VT_UI1:
-            return PyLong_FromLong(pValue->bVal);
-        case VT_UI2:
-            return PyLong_FromLong(pValue->uiVal);
-        default:
-            return nullptr;
-    }
-}
+PyObject* CDBDriver::ValueToObj(const XVariant* pValue) { return ObjectOf(*pValue); }
 
 // ---- Write --------------------------------------------------------------------------------------
 
@@ -421,10 +439,10 @@ int CDBDriver::SetTagValue(const STagNames& names, PyObject* tagValues) {
 int CDBDriver::WriteValues(const STagNames& names, const SEncoded& values, bool& bOverflow) {
     COperation operation(*m_pDBCore, m_pSession);
     if (!(m_pDBCore->m_nRights & kRightWrite)) return kWriteForbidden;
-    std::vector<STag*> resolved;
-    const std::vector<STag*>* pTags = operation ? Resolve(names, resolved) : nullptr;
-    if (!pTags) return kWriteFailed;
-    const std::vector<STag*>& tags = *pTags;
+    STagList resolved;
+    const STagList* pList = operation ? Resolve(names, resolved) : nullptr;
+    if (!pList) return kWriteFailed;
+    const std::vector<STag*>& tags = pList->tags;
     if (tags.empty()) return kWriteDone;
     const bool bSingle = tags.size() == 1;
     if (bSingle == values.bList || (bSingle && !tags[0])) return kWriteUnencodable;

@@ -132,17 +132,25 @@ class CDBDriver {
 
   private:
     struct SBatch;
+    struct STagList;
     struct SCopies;
     struct SEncoded;
     class CReplyValues;
 
+    void SetSubscribed(STag& tag) {
+        if (!tag.bSubscribe) ++m_nSubscribed;
+        tag.bSubscribe = true;
+    }
     STag* RecordOf(WORD nId) { return nId < m_tags.size() ? &m_tags[nId] : nullptr; }
-    const std::vector<STag*>* Resolve(const STagNames& names, std::vector<STag*>& reqTags);
+    STagList* Resolve(const STagNames& names, STagList& resolved);
     bool ReqBatchGetPoss(SBatch& batch, std::vector<STag*>& reqTags);
-    bool Refresh(const std::vector<STag*>& reqTags);
+    void PlanRead(STagList& list);
+    bool Refresh(STagList& list);
     bool CopyValues(const STagNames& names, SCopies& copies);
     int WriteValues(const STagNames& names, const SEncoded& values, bool& bOverflow);
 
     const CDBSession* m_pSession;
+    // How many tags are subscribed.
+    size_t m_nSubscribed = 0;
     std::unique_ptr<CKnownLists> m_pKnownLists;  // made for the first one
 };

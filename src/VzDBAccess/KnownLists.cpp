@@ -1,6 +1,9 @@
 #include "VzDBAccess/KnownLists.h"
 
+#include <algorithm>
 #include <functional>
+
+#include "TagReplies.h"
 
 namespace {
 
@@ -19,11 +22,11 @@ std::unique_ptr<CDBDriver::CKnownLists::SList>& CDBDriver::CKnownLists::PlaceOf(
     return m_places[nHash % kPlaces];
 }
 
-const std::vector<CDBDriver::STag*>* CDBDriver::CKnownLists::Find(std::string_view text) {
+CDBDriver::STagList* CDBDriver::CKnownLists::Find(std::string_view text) {
     SList* pList = PlaceOf(text).get();
     if (!pList || pList->strText != text) return nullptr;
     pList->bFound = true;
-    return &pList->tags;
+    return pList;
 }
 
 void CDBDriver::CKnownLists::Add(std::string_view text, const std::vector<STag*>& tags) {
@@ -32,7 +35,11 @@ void CDBDriver::CKnownLists::Add(std::string_view text, const std::vector<STag*>
         pPlace->bFound = false;
         return;
     }
-    auto pList = std::make_unique<SList>(SList{std::string(text), tags, true});
+    auto pList = std::make_unique<SList>();
+    pList->strText = text;
+    pList->tags = tags;
+    pList->asked.reserve(std::min(tags.size(), kMaxRead));
+    pList->strRequest.reserve(ReadBytes(tags.size()));
     const size_t nBytes = pList->Bytes();
     if (nBytes > m_nMaxBytes) return;
     if (pPlace) m_nBytes -= pPlace->Bytes();

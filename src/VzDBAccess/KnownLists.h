@@ -1,12 +1,24 @@
 // The lists of names that a driver has resolved, by the text that a script gave.
 #pragma once
 
+#include <limits>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "VzDBAccess/DBDriver.h"
+
+// The tags of an operation: one for each name, null for one that did not resolve.
+struct CDBDriver::STagList {
+    static constexpr size_t kNotPlanned = std::numeric_limits<size_t>::max();
+
+    std::vector<STag*> tags;
+    // How they are read, as long as no more tags of the driver are subscribed than were then:
+    size_t nSubscribed = kNotPlanned;
+    std::vector<STag*> asked;  // those that the server is asked for
+    std::string strRequest;
+};
 
 // A script asks for the same lists again and again: they need not be cut up and looked up each
 // time. Each text has one place, by its length and its ends. Two texts that want the same place do
@@ -23,8 +35,8 @@ class CDBDriver::CKnownLists {
   public:
     explicit CKnownLists(size_t nTags) : m_nMaxBytes(kBaseBytes + kBytesPerTag * nTags) {}
 
-    // The records of the names of a text; null when it is not kept.
-    const std::vector<STag*>* Find(std::string_view text);
+    // The list of a text; null when it is not kept.
+    STagList* Find(std::string_view text);
     // Keeps the list of a text that was not found. Nothing when it is too long or its place is
     // held; when the bytes are used up, all others are dropped.
     void Add(std::string_view text, const std::vector<STag*>& tags);
@@ -34,14 +46,14 @@ class CDBDriver::CKnownLists {
     static constexpr size_t kBaseBytes = 32768;
     static constexpr size_t kBytesPerTag = 24;
 
-    struct SList {
+    struct SList : STagList {
         size_t Bytes() const {
-            return sizeof *this + strText.capacity() + tags.capacity() * sizeof(void*);
+            return sizeof *this + strText.capacity() + strRequest.capacity() +
+                   (tags.capacity() + asked.capacity()) * sizeof(void*);
         }
 
         std::string strText;
-        std::vector<STag*> tags;
-        bool bFound;  // since another text last wanted the place
+        bool bFound = true;  // since another text last wanted the place
     };
 
     std::unique_ptr<SList>& PlaceOf(std::string_view text);

@@ -10,7 +10,6 @@
 namespace {
 
 constexpr VARTYPE kVariantArray = VT_ARRAY | VT_VARIANT;
-constexpr size_t kCodeBytes = 2;
 
 // The colour word 0x00BBGGRR of the hexadecimal digits RRGGBB.
 UINT ColourOfDigits(LPCSTR szDigits) {
@@ -33,25 +32,6 @@ void SkipElement(CByteReader& reader) {
 void SkipElements(CByteReader& reader) {
     const WORD nCount = reader.ReadU16();
     for (WORD i = 0; i < nCount && !reader.Failed(); ++i) SkipElement(reader);
-}
-
-// Takes a payload of the value's width, which the reader has, and its value is no text.
-void ReadPayload(CByteReader& reader, XVariant& value) {
-    switch (XVariant::GetVTSize(value.vt)) {
-        case 1:
-            value.bVal = reader.ReadU8();
-            if (value.vt == VT_BOOL && value.bVal != 0) value.bVal = 1;
-            break;
-        case 2:
-            value.uiVal = reader.ReadU16();
-            break;
-        case 4:
-            value.ulVal = reader.ReadU32();
-            break;
-        default:
-            value.llVal = static_cast<int64_t>(reader.ReadU64());
-            break;
-    }
 }
 
 }  // namespace
@@ -306,18 +286,9 @@ size_t XVariant::ToBuffer(BYTE* pBuffer, size_t /*nBufLen*/, bool bIncludeVT) co
     return writer.Size();
 }
 
-size_t XVariant::FromBuffer(const BYTE* pBuffer, size_t nBufLen, bool bIncludeVT) {
+size_t XVariant::NoNumberFromBuffer(const BYTE* pBuffer, size_t nBufLen, bool bIncludeVT) {
     CByteReader reader(pBuffer, nBufLen);
     const VARTYPE vtNew = bIncludeVT ? reader.ReadU16() : vt;
-    const size_t nWidth = GetVTSize(vtNew);
-    if (reader.Failed() || nWidth > reader.Left()) return kUndecodable;
-    if (nWidth) {  // in place: most values are numbers, and replies have many of them
-        if (vt == VT_STR) Clear();
-        llVal = 0;
-        vt = vtNew;
-        ReadPayload(reader, *this);
-        return reader.Consumed();
-    }
     XVariant decoded;
     decoded.vt = vtNew;
     size_t nConsumed = reader.Consumed();

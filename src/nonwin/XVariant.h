@@ -6,6 +6,7 @@
 #include <limits>
 #include <utility>
 
+#include "ByteCursor.h"
 #include "VzDefine.h"
 #include "nonwin/cstring.h"
 
@@ -28,8 +29,11 @@ class XVariant {
   public:
     // Result of the bounded FromBuffer for bytes that hold no whole value.
     static constexpr size_t kUndecodable = std::numeric_limits<size_t>::max();
+    static constexpr size_t kCodeBytes = 2;  // of a type code on the wire
 
     VARTYPE vt = VT_EMPTY;
+    // The compilers that this library is built with define what reading another member than the
+    // last one stored gives: the same bytes.
     union {
         CString* pStrVal;
         bool boolVal;
@@ -181,13 +185,41 @@ class XVariant {
     // elements is its type code alone.
     // Returns the bytes consumed: 0 for a value without payload and type code. kUndecodable when
     // the value does not fit in the bytes; the variant is then as it was.
-    size_t FromBuffer(const BYTE* pBuffer, size_t nBufLen, bool bIncludeVT);
+    size_t FromBuffer(const BYTE* pBuffer, size_t nBufLen, bool bIncludeVT) {
+        const size_t nCode = bIncludeVT ? kCodeBytes : 0;
+        if (nBufLen < nCode) return kUndecodable;
+        const VARTYPE vtNew = bIncludeVT ? LoadLittle<VARTYPE>(pBuffer) : vt;
+        const BYTE* pPayload = pBuffer + nCode;
+        const size_t nLeft = nBufLen - nCode;
+        // By the width, not with it: so the processor knows early where the next value begins.
+        switch (GetVTSize(vtNew)) {
+            case 1:
+                return TakeNumber<1>(vtNew, pPayload, nLeft) ? nCode + 1 : kUndecodable;
+            case 2:
+                return TakeNumber<2>(vtNew, pPayload, nLeft) ? nCode + 2 : kUndecodable;
+            case 4:
+                return TakeNumber<4>(vtNew, pPayload, nLeft) ? nCode + 4 : kUndecodable;
+            case 8:
+                return TakeNumber<8>(vtNew, pPayload, nLeft) ? nCode + 8 : kUndecodable;
+            default:
+                return NoNumberFromBuffer(pBuffer, nBufLen, bIncludeVT);
+        }
+    }
     // The same for a buffer that is known to hold a whole value, with the result that the bounded
     // form would give; the elements of an array are not looked at.
     size_t FromBuffer(const BYTE* pBuffer, bool bIncludeVT);
     // Keeps a length from being taken for bIncludeVT.
     size_t FromBuffer(const BYTE* pBuffer, size_t nBufLen) = delete;
 
+    // An empty value becomes a copy, of numbers too with all 8 payload bytes.
+    void CopyWhole(const XVariant& other) {
+        if (other.vt == VT_STR) {
+            CopyText(other);
+        } else {
+            llVal = other.llVal;
+        }
+        vt = other.vt;
+    }
     // Takes over the content of other, which ends with the former one.
     void Swap(XVariant& other) noexcept {
         std::swap(vt, other.vt);
@@ -199,25 +231,28 @@ class XVariant {
         Swap(other);
         return *this;
     }
+    // FromBuffer of a value without a width: a text, an array, or nothing but its type code.
+    size_t NoNumberFromBuffer(const BYTE* pBuffer, size_t nBufLen, bool bIncludeVT);
+    // Becomes a number of that width, of nLeft bytes; the payload above it is zero. False, and
+    // nothing has changed, when the bytes are too few.
+    template <size_t nWidth>
+    bool TakeNumber(VARTYPE vtNew, const BYTE* p, size_t nLeft) {
+        if (nLeft < nWidth) return false;
+        if (vt == VT_STR) Clear();
+        vt = vtNew;
+        if (nWidth == 1) llVal = vtNew == VT_BOOL && *p != 0 ? 1 : *p;
+        if (nWidth == 2) llVal = LoadLittle<USHORT>(p);
+        if (nWidth == 4) llVal = LoadLittle<UINT>(p);
+        if (nWidth == 8) llVal = static_cast<int64_t>(LoadLittle<uint64_t>(p));
+        return true;
+    }
     void CopyText(const XVariant& other);
-    // The bytes of other's payload by its width; all 8 of codes that are not known. The members
-    // share their storage, and the compilers that this library is built with define what reading
-    // another member than the last one stored gives: the same bytes.
+    // The bytes of other's payload by its width, which are the low ones; all 8 of codes that are
+    // not known.
     void CopyPayload(const XVariant& other) {
-        switch (GetVTSize(other.vt)) {
-            case 1:
-                bVal = other.bVal;
-                break;
-            case 2:
-                uiVal = other.uiVal;
-                break;
-            case 4:
-                ulVal = other.ulVal;
-                break;
-            default:
-                llVal = other.llVal;
-                break;
-        }
+        static constexpr uint64_t kMasks[] = {~0ull, 0xFF, 0xFFFF, 0, 0xFFFFFFFF, 0, 0, 0, ~0ull};
+        llVal =
+            static_cast<int64_t>(static_cast<uint64_t>(other.llVal) & kMasks[GetVTSize(other.vt)]);
     }
     // The text of a VT_STR up to its first zero byte, "" when there is none.
     LPCSTR Text() const { return pStrVal ? pStrVal->c_str() : ""; }
@@ -226,5 +261,6 @@ class XVariant {
 };
 
 static_assert(offsetof(XVariant, vt) == 0, "type code first");
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "payloads start with their low byte");
 static_assert(offsetof(XVariant, pStrVal) == 8 && offsetof(XVariant, llVal) == 8, "then payload");
 static_assert(sizeof(XVariant) == 16, "8 bytes of payload on every host");

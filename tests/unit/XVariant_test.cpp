@@ -192,6 +192,21 @@ TEST(XVariant, CopyConstructionKeepsThePayloadOfUnknownCodes) {
     }
 }
 
+TEST(XVariant, WholeCopyTakesEveryPayloadByteAndATextOfItsOwn) {
+    for (VARTYPE vt : Codes{0, 2, 3, 5, 11, 17, 6, 21}) {
+        XVariant copy;
+        copy.CopyWhole(Raw(vt));
+        EXPECT_EQ(copy.vt, vt);
+        EXPECT_EQ(copy.llVal, kPattern) << vt;
+    }
+    const XVariant source("text");
+    XVariant copy;
+    copy.CopyWhole(source);
+    EXPECT_EQ(copy.vt, VT_STR);
+    EXPECT_EQ(*copy.pStrVal, "text");
+    EXPECT_NE(copy.pStrVal, source.pStrVal);
+}
+
 TEST(XVariant, AssignmentTakesThePayloadWidthOfTheCode) {
     XVariant value;
     for (VARTYPE vt : Codes{2, 18}) EXPECT_EQ((value = Raw(vt)).llVal, 0x7788) << vt;
