@@ -37,10 +37,19 @@ constexpr int64_t kTurnSliceNs = int64_t{CSocketGuard::kSliceMs} * 1000000;
 // Size of the payload of type vt at the start of nLen bytes; kNoSize when it goes on behind them.
 constexpr size_t kNoSize = static_cast<size_t>(-1);
 size_t PayloadSize(VARTYPE vt, const BYTE* p, size_t nLen) {
-    if (vt != VT_STR) {
-        const size_t nSize = XVariant::GetVTSize(vt);
-        return nSize <= nLen ? nSize : kNoSize;
+    switch (XVariant::GetVTSize(vt)) {
+        case 1:
+            return nLen < 1 ? kNoSize : 1;
+        case 2:
+            return nLen < 2 ? kNoSize : 2;
+        case 4:
+            return nLen < 4 ? kNoSize : 4;
+        case 8:
+            return nLen < 8 ? kNoSize : 8;
+        default:
+            break;
     }
+    if (vt != VT_STR) return 0;
     const void* pEnd = nLen ? std::memchr(p, 0, nLen) : nullptr;
     return pEnd ? static_cast<size_t>(static_cast<const BYTE*>(pEnd) - p) + 1 : kNoSize;
 }
@@ -49,41 +58,46 @@ size_t PayloadSize(VARTYPE vt, const BYTE* p, size_t nLen) {
 class CReadValues {
   public:
     CReadValues(SDriver& driver, const WORD* pIds, size_t nCount, std::string& strValues)
-        : m_driver(driver), m_pIds(pIds), m_nCount(nCount), m_strValues(strValues) {}
+        : m_driver(driver), m_pNext(pIds), m_pEnd(pIds + nCount), m_strValues(strValues) {}
 
-    bool Complete() const { return m_nNext == m_nCount; }
+    bool Complete() const { return m_pNext == m_pEnd; }
 
-    bool Store(const BYTE* pChunk, size_t nChunk) {
+    // Not inlined: among its caller's variables those of this loop would not stay in registers.
+    [[gnu::noinline]] bool Store(const BYTE* pChunk, size_t nChunk) {
+        std::atomic<VARTYPE>* const pTypes = m_driver.types.data();
+        const WORD* pId = m_pNext;
         size_t nPos = 0;
-        while (nPos < nChunk) {
-            if (Complete() || nChunk - nPos < kCodeBytes) return false;
-            const VARTYPE vt = CByteReader(pChunk + nPos, kCodeBytes).ReadU16();
-            nPos += kCodeBytes;
-            std::atomic<VARTYPE>& type = m_driver.types[m_pIds[m_nNext++]];
+        for (; nPos < nChunk; ++pId) {
+            if (pId == m_pEnd || nChunk - nPos < kCodeBytes) return false;
+            const BYTE* pPayload = pChunk + nPos + kCodeBytes;
+            const VARTYPE vt = LoadLittle<VARTYPE>(pChunk + nPos);
+            std::atomic<VARTYPE>& type = pTypes[*pId];
             if (type.load(std::memory_order_relaxed) != vt) {
                 type.store(vt, std::memory_order_relaxed);
             }
+            nPos += kCodeBytes;
             if (vt == VT_ARRAY) {  // ends its chunk
                 XVariant array;
-                if (array.FromBuffer(pChunk + nPos - kCodeBytes, nChunk - nPos + kCodeBytes,
-                                     true) == XVariant::kUndecodable)
+                if (array.FromBuffer(pPayload - kCodeBytes, nChunk - nPos + kCodeBytes, true) ==
+                    XVariant::kUndecodable)
                     return false;
+                ++pId;
                 break;
             }
-            const size_t nSize = PayloadSize(vt, pChunk + nPos, nChunk - nPos);
+            const size_t nSize = PayloadSize(vt, pPayload, nChunk - nPos);
             if (nSize == kNoSize) return false;
             nPos += nSize;
         }
+        m_pNext = pId;
         m_strValues.append(pChunk, pChunk + nPos);
         return true;
     }
 
   private:
     SDriver& m_driver;
-    const WORD* m_pIds;
-    const size_t m_nCount;
+    const WORD* m_pNext;
+    const WORD* const m_pEnd;
     std::string& m_strValues;
-    size_t m_nNext = 0;
 };
 
 // The values of a subscription, each in its tag's place.

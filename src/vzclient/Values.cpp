@@ -34,6 +34,14 @@ PyObject* LocalToPy(const tm& local, int nUs) {
     return result;
 }
 
+// The real number of these bits, which are the low ones.
+template <typename T>
+T RealOf(uint64_t nBits) {
+    T f;
+    std::memcpy(&f, &nBits, sizeof f);
+    return f;
+}
+
 // A date is wall-clock time in whole days and their fraction, here to the millisecond.
 PyObject* DateToPy(double fDays) {
     if (!(fDays >= kMinDate && fDays < kMaxDate)) return PyFloat_FromDouble(fDays);
@@ -49,6 +57,39 @@ PyObject* DateToPy(double fDays) {
     mktime(&local);  // for the zone alone: an hour that the clock skipped stays as it is
     wall.tm_gmtoff = local.tm_gmtoff;
     return LocalToPy(wall, static_cast<int>(nMs - nSeconds * 1000) * 1000);
+}
+
+// The object of a type that is no text. Payloads of one width have the same bytes, whatever they
+// mean: nBits are those of a number's, in its low bytes.
+PyObject* NumberToPy(VARTYPE vt, uint64_t nBits) {
+    switch (vt) {
+        case VT_I2:
+            return PyLong_FromLong(static_cast<int16_t>(nBits));
+        case VT_I4:
+        case VT_INT:
+            return PyLong_FromLong(static_cast<int32_t>(nBits));
+        case VT_UI4:
+        case VT_UINT:
+            return PyLong_FromUnsignedLong(static_cast<uint32_t>(nBits));
+        case VT_R4:
+            return PyFloat_FromDouble(static_cast<double>(RealOf<float>(nBits)));
+        case VT_R8:
+            return PyFloat_FromDouble(RealOf<double>(nBits));
+        case VT_DATE:
+            return DateToPy(RealOf<double>(nBits));
+        case VT_BOOL:
+            return PyBool_FromLong(static_cast<uint8_t>(nBits));
+        case VT_I1:
+            return PyLong_FromLong(static_cast<int8_t>(nBits));
+        case VT_UI1:
+            return PyLong_FromLong(static_cast<uint8_t>(nBits));
+        case VT_UI2:
+            return PyLong_FromLong(static_cast<uint16_t>(nBits));
+        case VT_I8:
+            return PyLong_FromLongLong(static_cast<int64_t>(nBits));
+        default:
+            Py_RETURN_NONE;
+    }
 }
 
 PyObject* TextToPy(const char* sz, size_t nLen) {
@@ -287,64 +328,29 @@ PyObject* TimeToPy(int64_t nTimeUs) {
 }
 
 PyObject* ValueToPy(const XVariant& value) {
-    switch (value.vt) {
-        case VT_I2:
-            return PyLong_FromLong(value.iVal);
-        case VT_I4:
-        case VT_INT:
-            return PyLong_FromLong(value.lVal);
-        case VT_UI4:
-        case VT_UINT:
-            return PyLong_FromUnsignedLong(value.ulVal);
-        case VT_R4:
-            return PyFloat_FromDouble(static_cast<double>(value.fltVal));
-        case VT_R8:
-            return PyFloat_FromDouble(value.dblVal);
-        case VT_DATE:
-            return DateToPy(value.date);
-        case VT_STR:
-            return value.pStrVal ? TextToPy(value.pStrVal->data(), value.pStrVal->size())
-                                 : PyUnicode_FromString("");
-        case VT_BOOL:
-            return PyBool_FromLong(value.bVal);
-        case VT_I1:
-            return PyLong_FromLong(static_cast<signed char>(value.bVal));
-        case VT_UI1:
-            return PyLong_FromLong(value.bVal);
-        case VT_UI2:
-            return PyLong_FromLong(value.uiVal);
-        case VT_I8:
-            return PyLong_FromLongLong(value.llVal);
-        default:
-            Py_RETURN_NONE;
-    }
+    if (value.vt != VT_STR) return NumberToPy(value.vt, static_cast<uint64_t>(value.llVal));
+    return value.pStrVal ? TextToPy(value.pStrVal->data(), value.pStrVal->size())
+                         : PyUnicode_FromString("");
 }
 
 PyObject* TakeValue(CByteReader& reader) {
-    // Payloads of one width have the same bytes, whatever they mean.
-    XVariant value;
     const VARTYPE vt = reader.ReadU16();
     switch (XVariant::GetVTSize(vt)) {
         case 1:
-            value.bVal = reader.ReadU8();
-            break;
+            return NumberToPy(vt, reader.ReadU8());
         case 2:
-            value.uiVal = reader.ReadU16();
-            break;
+            return NumberToPy(vt, reader.ReadU16());
         case 4:
-            value.ulVal = reader.ReadU32();
-            break;
+            return NumberToPy(vt, reader.ReadU32());
         case 8:
-            value.llVal = static_cast<int64_t>(reader.ReadU64());
-            break;
+            return NumberToPy(vt, reader.ReadU64());
         default:
-            if (vt != VT_STR) Py_RETURN_NONE;
-            size_t nLen = 0;
-            const char* sz = reader.TakeText(nLen);
-            return TextToPy(sz ? sz : "", nLen);
+            break;
     }
-    value.vt = vt;
-    return ValueToPy(value);
+    if (vt != VT_STR) Py_RETURN_NONE;
+    size_t nLen = 0;
+    const char* sz = reader.TakeText(nLen);
+    return TextToPy(sz ? sz : "", nLen);
 }
 
 bool EncodeFor(VARTYPE vt, PyObject* obj, std::string& strBytes, const char*& szWhy) {
