@@ -35,6 +35,9 @@ struct CWatchedTag {
     PyObject* const tag;
     XVariant value;  // the last one heard; guarded by the routes' lock
     std::vector<SRoute> routes;
+    // The next of the names that are one tag in the session that watched this one last: a server
+    // may resolve several names to one id. Guarded by the routes' lock.
+    CWatchedTag* pAlias = nullptr;
 };
 
 // One thing told. Which of its fields count, its kind says.

@@ -113,6 +113,17 @@ class CWatchValues {
     const size_t m_nEnd;
 };
 
+// Has a name told of the changes of a tag, beginning with the value that its other names have.
+void AddName(SDriver& driver, WORD nId, CWatchedTag& name) {
+    CWatchedTag*& pFirst = driver.watched[nId];
+    for (const CWatchedTag* p = pFirst; p; p = p->pAlias) {
+        if (p == &name) return;
+    }
+    if (pFirst) name.value = pFirst->value;
+    name.pAlias = pFirst;
+    pFirst = &name;
+}
+
 // Guards the notification channel while it is opened: the trace tells its bytes from the others.
 class CNotifyGuard final : public CSocketGuard {
   public:
@@ -191,7 +202,7 @@ size_t CFrames::ChangeFrame(SDriver& driver, const BYTE* pFrame, size_t nLen, in
     if (nSize == kNoSize) return 0;
     if (nSize == 0) return kUnusable;  // no type, or one without a payload
     ++m_nChanges;
-    if (CWatchedTag* pTag = driver.watched[nTag]) {
+    for (CWatchedTag* pTag = driver.watched[nTag]; pTag; pTag = pTag->pAlias) {
         if (pTag->value.vt != vt) {
             pTag->value.Clear();
             pTag->value.vt = vt;
@@ -570,8 +581,11 @@ CSession::EResult CSession::Watch(SDriver& driver, const std::vector<CWatchedTag
     std::vector<size_t> asked;  // indices of the tags to subscribe
     {
         std::lock_guard<std::mutex> guard(m_pRoutes->m_lock);
+        std::vector<bool> seen(driver.nTagCount);
         for (size_t i = 0; i < tags.size(); ++i) {
-            if (!driver.watched[ids[i]]) asked.push_back(i);
+            const WORD nId = ids[i];
+            if (!driver.watched[nId] && !seen[nId]) asked.push_back(i);
+            seen[nId] = true;
         }
     }
     std::vector<XVariant> values;
@@ -599,12 +613,13 @@ CSession::EResult CSession::Watch(SDriver& driver, const std::vector<CWatchedTag
         CWatchedTag& tag = *tags[asked[i]];
         const WORD nId = ids[asked[i]];
         driver.types[nId].store(values[i].vt, std::memory_order_relaxed);
-        driver.watched[nId] = &tag;
+        AddName(driver, nId, tag);
         tag.value.Swap(values[i]);
     }
-    for (CWatchedTag* pTag : tags) {
-        if (pRoute) pTag->routes.push_back(*pRoute);
-        m_pRoutes->TellChange(*pTag, nNowUs, !pRoute, pRoute);
+    for (size_t i = 0; i < tags.size(); ++i) {
+        AddName(driver, ids[i], *tags[i]);
+        if (pRoute) tags[i]->routes.push_back(*pRoute);
+        m_pRoutes->TellChange(*tags[i], nNowUs, !pRoute, pRoute);
     }
     return Ended(patience, true);
 }

@@ -309,6 +309,23 @@ def test_a_tag_that_is_gone_is_told_again_when_it_is_back(connected, restart, si
     assert connected("take(watch, 1)") == [("a", 30)]
 
 
+def test_names_of_one_tag_may_become_two_tags_and_one_again(connected, simulate, sim, live):
+    connected("watch, other = line.watch('a'), line.watch('b')\ntake(watch, 1), take(other, 1)")
+    one = line1_with(("a", 10))
+    one["drivers"][0]["tags"][0]["aliases"] = ["b"]
+    two = line1_with(("a", 20), ("b", 30))
+    of_one = [("a", 10), ("a", 11)], [("b", 10), ("b", 11)]
+    of_two = [("a", 20), ("a", 21)], [("b", 30), ("b", 31)]
+    for times, plant, told in ((1, one, of_one), (2, two, of_two), (3, one, of_one)):
+        sim.close()
+        connected("until(lambda: plant.state.name in ('lost', 'connecting'))")
+        sim = simulate(plant, port=sim.port)
+        live(times)
+        for name, value in (told[0][1], told[1][1]):
+            sim.set_value("line1", name, value)
+        assert connected("take(watch, 2), take(other, 2)") == told
+
+
 def test_a_driver_that_is_gone_is_unknown(connected, restart, live, raised):
     connected("wide = plant['wide']\nwatch = wide.watch('t0001')\ntake(watch, 1)")
     restart(line1_with(("a", 1)))

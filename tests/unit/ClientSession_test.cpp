@@ -566,6 +566,39 @@ TEST_F(ClientSession, TagThatIsWatchedAlreadyIsNotAskedForAgain) {
     ExpectLive();
 }
 
+TEST_F(ClientSession, NamesOfOneTagAreSubscribedOnceAndEachIsTold) {
+    const SRoute route{pFeed, 0};
+    OnRequest(WatchRequest(0, 2), WatchChunk(k42 + Hex("0B 00 01")));
+    EXPECT_EQ(WatchTags({Tag(0), Tag(10), Tag(1), Tag(11)}, {0, 0, 1, 0}, &route), EResult::kDone);
+    EXPECT_EQ(Told(*pFeed, 4), (Texts{"T0=42", "T10=42", "T1=1", "T11=42"}));
+    server.Send(1, Change(0, U32(7)) + Change(1, Hex("00")));
+    Texts said = Told(*pFeed, 4);
+    std::sort(said.begin(), said.begin() + 3);
+    EXPECT_EQ(said, (Texts{"T0=7", "T10=7", "T11=7", "T1=0"}));
+    EXPECT_EQ(session->Frames().m_nChanges, 2u);
+    ExpectLive();
+}
+
+TEST_F(ClientSession, SecondNameOfATagBeginsWithTheLastValueOfTheFirst) {
+    const SRoute route{pFeed, 1};
+    OnRequest(WatchRequest(0, 1), WatchChunk(k42));
+    EXPECT_EQ(Watch({0}, &route), EResult::kDone);
+    server.Send(1, Change(0, U32(7)));
+    EXPECT_EQ(Told(*pFeed, 2), (Texts{"T0=42", "T0=7"}));
+    const SRoute other{std::make_shared<CFeed>(10, CFeed::EOverflow::kLatest), 2};
+    EXPECT_EQ(WatchTags({Tag(10)}, {0}, &other), EResult::kDone);
+    EXPECT_EQ(WatchTags({Tag(10), Tag(0)}, {0, 0}, &other), EResult::kDone);
+    EXPECT_EQ(Told(*other.pFeed, 3), (Texts{"T10=7", "T10=7", "T0=7"}));
+    pRoutes->Drop(other.pFeed.get(), 2);
+    server.Send(1, Change(0, U32(8)));
+    EXPECT_EQ(Told(*pFeed, 1), Texts{"T0=8"});
+    Tag(10)->routes = {other};
+    server.Send(1, Change(0, U32(9)));
+    EXPECT_EQ(Told(*other.pFeed, 1), Texts{"T10=9"});
+    EXPECT_EQ(Told(*pFeed, 1), Texts{"T0=9"});
+    ExpectLive();
+}
+
 TEST_F(ClientSession, TagsOfAnEarlierSessionAreToldAnew) {
     Tag(0)->routes = {{pFeed, 1}};
     Tag(0)->value = 5;
