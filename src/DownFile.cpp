@@ -123,7 +123,7 @@ class CBodyReceiver {
 EGetFile CBodyReceiver::Receive(const CCacheFile& target, char* buf, int nLen, int nPos) {
     if (!target.Open(m_file, O_WRONLY | O_CREAT)) return EGetFile::kNotWritten;
     // Another process may be filling or reading the same cache. Only what is ours is emptied.
-    if (!m_file.Lock(true, kFileLockMs)) return EGetFile::kFailed;
+    if (!m_file.Lock(true, kFileLockMs, m_sock.Guard())) return EGetFile::kFailed;
     // What cannot be marked could not be told from a whole file later.
     if (!m_file.MarkUnfinished(true)) return EGetFile::kNotWritten;
     bool bComplete = Prepare() && ReceiveAll(buf, nLen, nPos);

@@ -55,7 +55,8 @@ constexpr unsigned long kNeverCurrent = 0xFFFFFFFF;
 // Brings the file szFileName (GB2312, relative to the project, may contain "/") to
 // szPath + szFileName; szPath is a local directory with its "/" at the end (GB2312).
 //
-// sock: a logged-in request socket, used by nobody else meanwhile; its time-outs bound each wait.
+// sock: a logged-in request socket, used by nobody else meanwhile; its time-outs, or its guard,
+// bound each wait, and a guard that for the file's lock too.
 // nCode: the request code. mtime (seconds since 1970) and size (bytes): what the caller knows of
 // the server's copy, 0 when unknown; their low 32 bits count. A cached copy of that size whose time
 // is at most 3 seconds off is current. pGetFileCB: may be null. szAddP2p: a relay prefix that goes

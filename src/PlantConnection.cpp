@@ -93,7 +93,7 @@ bool CPlantConnection::FetchDriverInfos(const SNAckRegReq& ackRegReq) {
     if (eHow == EGetFile::kNotWritten && LocalSize(m_strPrjPath, kDrvInfoFile) != info.size) {
         return true;
     }
-    return LoadPrjDrvInfo(m_strPrjPath, m_mapDrvInfos);
+    return LoadPrjDrvInfo(m_strPrjPath, m_mapDrvInfos, m_reqSock.Guard());
 }
 
 // ---- Files and requests

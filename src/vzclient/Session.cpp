@@ -133,6 +133,7 @@ class CNotifyGuard final : public CSocketGuard {
     bool Await(SOCKET hSocket, short nEvents) override {
         return m_patience.Await(hSocket, nEvents);
     }
+    bool WaitOn() override { return m_patience.WaitOn(); }
     void Passed(bool bSent, const void* pData, size_t nLen) override {
         m_patience.SetNotify(true);
         m_patience.Passed(bSent, pData, nLen);
