@@ -380,6 +380,7 @@ int CSession::Connect(const char* szHost, ULONG nIp, const char* szUser, const c
     m_reqSock.SetGuard(&patience);
     m_rcvSock.SetGuard(&notify);
     m_bTellLan = false;
+    m_bJoinHeaders = true;
     m_nHostIp = nIp;
     const int nResult = Login(szHost, szUser, szPassword, m_strProject);
     if (nResult != kConnected) return nResult;

@@ -6,7 +6,9 @@ import socket
 import pytest
 
 import wire
+from cache import cache_folder
 from plants import SMALL_PLANT
+from prelude import host_of
 
 STATES = "on_state=lambda state: states.append(state.name)"
 CPU = "sum(__import__('resource').getrusage(0)[:2])"
@@ -101,6 +103,17 @@ def test_a_user_who_is_refused_for_a_while_is_tried_again(connected, sim, live):
     sim.drop_clients()
     live()
     assert len(sim.requests(codes="9")) == 4
+
+
+@pytest.mark.parametrize("after", [1, 8, 20])
+def test_a_driver_file_whose_header_breaks_off_is_asked_for_again(connected, sim, live, after):
+    os.utime(os.path.join(cache_folder(host_of(sim)), "Line1/RecData/drvinfo.dat"), (1, 1))
+    sim.fault("4", "cut", after=after, times=2)
+    sim.drop_clients()
+    live()
+    assert connected("sorted(plant.drivers), line['a']") == (
+        ["line1", "none", "wide", "锅炉"], 1)
+    assert len(sim.requests(codes="4")) == 3
 
 
 def test_the_reason_of_a_refusal_is_told(connected, sim):

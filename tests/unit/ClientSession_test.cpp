@@ -132,6 +132,26 @@ TEST_F(ClientConnect, FileThatNeverEndsIsGivenUpAtTheDeadline) {
     EXPECT_EQ(eEnd, EEnd::kTimedOut);
 }
 
+TEST_F(ClientConnect, DriverFileMayComeByteByByte) {
+    OrderHellos();
+    OrderUser();
+    server.Expect(0, kFirstDrvInfoRequest);
+    server.Drip(0, plant.DrvInfoReply());
+    EXPECT_EQ(Connect(), kConnected);
+    EXPECT_EQ(session->m_mapDrvInfos.size(), 2u);
+    ExpectLive();
+}
+
+TEST_F(ClientConnect, DriverFileWithoutAWholeHeaderFailsIt) {
+    OrderHellos();
+    OrderUser();
+    server.Expect(0, kFirstDrvInfoRequest);
+    server.Send(0, plant.DrvInfoReply().substr(0, 3));
+    server.Close(0);
+    EXPECT_EQ(Connect(), kConnectFailed);
+    EXPECT_EQ(eEnd, EEnd::kNone);
+}
+
 TEST_F(ClientConnect, SessionThatIsEndedMeanwhileGetsNoFurther) {
     server.Accept();
     server.Take(0, &strHello);
@@ -741,6 +761,24 @@ TEST_F(ClientAlarms, ReplyOfAnotherCodeEndsTheSession) {
     EXPECT_EQ(WatchAlarms(&route, true), EResult::kFailed);
     ExpectOver("the request channel broke");
     EXPECT_TRUE(pRoutes->m_alarmRoutes.empty());
+}
+
+TEST_F(ClientAlarms, RepliesMayComeByteByByte) {
+    const SRoute route{pFeed, 0};
+    server.Expect(0, "n");
+    server.Drip(0, "n" + U16(1) + AlarmRecord(3));
+    server.Expect(0, kTextsRequest);
+    server.Drip(0, kTextsReply);
+    server.Expect(0, kTagsRequest);
+    server.Drip(0, kTagsReply);
+    EXPECT_EQ(WatchAlarms(&route, true), EResult::kDone);
+    EXPECT_EQ(Told(*pFeed, 1), Texts{"alarm 3"});
+    std::vector<CString> texts;
+    std::vector<CString> tags;
+    session->AlarmTexts(texts, tags);
+    EXPECT_EQ(texts.size(), 2u);
+    EXPECT_EQ(tags.size(), 1u);
+    ExpectLive();
 }
 
 TEST_F(ClientAlarms, CutListEndsTheSession) {
