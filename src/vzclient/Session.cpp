@@ -535,7 +535,7 @@ CSession::EResult CSession::Read(SDriver& driver, const WORD* pIds, size_t nCoun
         }
         CReadValues values(driver, pIds + nFrom, nBatch, strValues);
         if (!m_reqSock.SendAll(request, static_cast<int>(writer.Size()), 0) ||
-            !CReplyChunks<CReadValues>(m_reqSock, values).ReceiveRead()) {
+            !CReplyChunks<CReadValues, true>(m_reqSock, values).ReceiveRead()) {
             return Ended(patience, false);
         }
         bShort = !values.Complete();
@@ -604,7 +604,7 @@ CSession::EResult CSession::Watch(SDriver& driver, const std::vector<CWatchedTag
         }
         CWatchValues batch(values, nBatch);
         if (!m_reqSock.SendAll(request, static_cast<int>(writer.Size()), 0) ||
-            !CReplyChunks<CWatchValues>(m_reqSock, batch).ReceiveSubscribed()) {
+            !CReplyChunks<CWatchValues, true>(m_reqSock, batch).ReceiveSubscribed()) {
             return Ended(patience, false);
         }
     }

@@ -349,6 +349,19 @@ TEST_F(ClientSession, ValuesMayComeInChunks) {
     EXPECT_EQ(strValues, k42 + k42 + k42);
 }
 
+TEST_F(ClientSession, ReadReplyMayBeCutAnywhere) {
+    const std::string strReply = ReadChunk(true, k42) + ReadChunk(false, k42);
+    for (size_t n = 1; n < strReply.size(); ++n) {
+        server.Expect(0, ReadRequest(0, 2));
+        server.Send(0, strReply.substr(0, n));
+        server.UntilTaken(0, session->m_reqSock);
+        server.Send(0, strReply.substr(n));
+        ASSERT_EQ(Read({0, 1}), EResult::kDone) << n;
+        EXPECT_EQ(strValues, k42 + k42) << n;
+    }
+    ExpectLive();
+}
+
 TEST_F(ClientSession, ArrayIsItsTypeCodeAndEndsItsChunk) {
     const std::string strArray = Hex("00 20 02 00") + k42 + Hex("08 00 41 42 00");
     OnRequest(ReadRequest(0, 3), ReadChunk(true, k42 + strArray) + ReadChunk(false, k42));
@@ -524,6 +537,21 @@ TEST_F(ClientSession, WatchTellsPresentValuesAndThenChanges) {
     EXPECT_EQ(Told(*pFeed, 2), (Texts{"T1=x", "T0=7"}));
     EXPECT_EQ(session->Frames().m_nChanges, 2u);
     EXPECT_EQ(session->m_nBytes, 14u);
+    ExpectLive();
+}
+
+TEST_F(ClientLimits, SubscriptionReplyMayBeCutAnywhere) {
+    const SRoute route{pFeed, 0};
+    const std::string strReply = WatchChunk(k42) + WatchChunk(k42);
+    for (WORD n = 1; n < strReply.size(); ++n) {
+        const WORD nTag = static_cast<WORD>(2 * n);
+        server.Expect(0, WatchRequest(nTag, 2));
+        server.Send(0, strReply.substr(0, n));
+        server.UntilTaken(0, session->m_reqSock);
+        server.Send(0, strReply.substr(n));
+        ASSERT_EQ(Watch({nTag, static_cast<WORD>(nTag + 1)}, &route), EResult::kDone) << n;
+        EXPECT_EQ(Told(*pFeed, 2).size(), 2u);
+    }
     ExpectLive();
 }
 
