@@ -78,8 +78,10 @@ struct SEvent {
 class CFeed {
   public:
     enum class EOverflow {
-        kLatest,  // a full feed keeps of each tag the newest value; of all else the oldest goes
-        kOldest   // the oldest event goes
+        // A full feed keeps of each tag the newest value; of all else the oldest go, until a
+        // sixteenth of the feed is free.
+        kLatest,
+        kOldest  // the oldest event goes
     };
 
     // nCapacity: events, at least 1. Throws std::bad_alloc when there is no descriptor to be had.
