@@ -74,10 +74,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize) {
     struct stat st = {};
     stat(folder.Path("f").c_str(), &st);
     const bool bKnown = (nCache & 8) != 0;
-    const EGetFile eHow = TransferFile("f", sock, '4', folder.Path().c_str(),
-                                       bKnown ? static_cast<unsigned long>(st.st_mtime) : 0,
-                                       bKnown ? static_cast<unsigned long>(st.st_size) : 0,
-                                       &progress, nCache & 16 ? "p2p" : nullptr);
+    const EGetFile eHow = TransferFile(
+        "f", sock, '4', folder.Path().c_str(), bKnown ? static_cast<unsigned long>(st.st_mtime) : 0,
+        bKnown ? static_cast<unsigned long>(st.st_size) : 0, &progress,
+        nCache & 16 ? "p2p" : nullptr, (nCache & 32) != 0);
     Require(progress.bFinished == (eHow == EGetFile::kWritten), "told of the end");
     Require(eHow != EGetFile::kNotWritten, "the folder can be written");
     if (eHow == EGetFile::kRemoved) Require(folder.Size("f") < 0, "removed");

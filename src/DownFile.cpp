@@ -123,7 +123,7 @@ class CBodyReceiver {
 EGetFile CBodyReceiver::Receive(const CCacheFile& target, char* buf, int nLen, int nPos) {
     if (!target.Open(m_file, O_WRONLY | O_CREAT)) return EGetFile::kNotWritten;
     // Another process may be filling or reading the same cache. Only what is ours is emptied.
-    if (!m_file.Lock(true, kFileLockMs)) return EGetFile::kFailed;
+    if (!m_file.Lock(true, kFileLockMs, m_sock.Guard())) return EGetFile::kFailed;
     // What cannot be marked could not be told from a whole file later.
     if (!m_file.MarkUnfinished(true)) return EGetFile::kNotWritten;
     bool bComplete = Prepare() && ReceiveAll(buf, nLen, nPos);
@@ -221,18 +221,22 @@ int ReadHttpCont(const char* szHttpCont, int& nPos, int nLen, char* var, int var
     return bLine;
 }
 
-int GetFileInfoByBuf(const char* buf, int nLen, SCFileInfo& fi) {
+int GetFileInfoByBuf(const char* buf, int nLen, SCFileInfo& fi, bool* pbWhole) {
     char szName[kMaxNameBytes + 1] = {};
     char szValue[kMaxValueBytes + 1] = {};
     int nPos = 0;
-    while (ReadHttpCont(buf, nPos, nLen, szName, kMaxNameBytes, szValue, kMaxValueBytes))
+    int nLine = 0;  // where the last line begins
+    while (ReadHttpCont(buf, nPos, nLen, szName, kMaxNameBytes, szValue, kMaxValueBytes)) {
         SetField(szName, szValue, fi);
+        nLine = nPos;
+    }
+    if (pbWhole) *pbWhole = nPos > nLine && buf[nPos - 1] == '\n';
     return nPos;
 }
 
 EGetFile TransferFile(const char* szFileName, CSyncSocket& sock, char nCode, const char* szPath,
                       unsigned long mtime, unsigned long size, IGetFileCB* pGetFileCB,
-                      const char* szAddP2p) {
+                      const char* szAddP2p, bool bJoinHeader) {
     const std::string strFullPath = std::string(szPath) + szFileName;
     const CCacheFile target(strFullPath);
     const CCacheFile targetGz(strFullPath + ".gz");
@@ -251,10 +255,18 @@ EGetFile TransferFile(const char* szFileName, CSyncSocket& sock, char nCode, con
         return EGetFile::kFailed;
 
     char buf[kChunkBytes];
-    const int nLen = sock._Recv(buf, kChunkBytes, 0);
-    if (nLen < 1) return EGetFile::kFailed;
+    int nLen = 0;
+    int nPos = 0;
     SCFileInfo fi;
-    const int nPos = GetFileInfoByBuf(buf, nLen, fi);
+    for (bool bWhole = false; !bWhole;) {
+        if (nPos < nLen || nLen == kChunkBytes) return EGetFile::kFailed;  // it has no end
+        const int nGot = sock._Recv(buf + nLen, kChunkBytes - nLen, 0);
+        if (nGot < 1) return EGetFile::kFailed;
+        nLen += nGot;
+        fi = SCFileInfo();
+        nPos = GetFileInfoByBuf(buf, nLen, fi, &bWhole);
+        if (!bJoinHeader) break;
+    }
     if (!fi.bExist) {
         target.Remove();
         return EGetFile::kRemoved;

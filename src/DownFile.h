@@ -55,7 +55,8 @@ constexpr unsigned long kNeverCurrent = 0xFFFFFFFF;
 // Brings the file szFileName (GB2312, relative to the project, may contain "/") to
 // szPath + szFileName; szPath is a local directory with its "/" at the end (GB2312).
 //
-// sock: a logged-in request socket, used by nobody else meanwhile; its time-outs bound each wait.
+// sock: a logged-in request socket, used by nobody else meanwhile; its time-outs, or its guard,
+// bound each wait, and a guard that for the file's lock too.
 // nCode: the request code. mtime (seconds since 1970) and size (bytes): what the caller knows of
 // the server's copy, 0 when unknown; their low 32 bits count. A cached copy of that size whose time
 // is at most 3 seconds off is current. pGetFileCB: may be null. szAddP2p: a relay prefix that goes
@@ -65,9 +66,13 @@ constexpr unsigned long kNeverCurrent = 0xFFFFFFFF;
 // partial file stays so, stamped with the server's time: its size tells the server's from it. When
 // it was the cache that could not be written, the file is cut to 0 bytes and not stamped. After
 // kWritten the socket is at the end of the reply; after kNotWritten the body is still to come.
+//
+// bJoinHeader: a header that comes in pieces is put together, and one that is not whole within 2048
+// bytes is a failure that leaves the cache as it was. Else what the first receive gives of the
+// header is all of it, and the body is what follows.
 EGetFile TransferFile(const char* szFileName, CSyncSocket& sock, char nCode, const char* szPath,
                       unsigned long mtime, unsigned long size, IGetFileCB* pGetFileCB,
-                      const char* szAddP2p);
+                      const char* szAddP2p, bool bJoinHeader = false);
 
 // The same; 0 for kFailed and 1 for all other results. Deliberate: also for a file that cannot be
 // written, which is treated as not needed.
@@ -76,8 +81,9 @@ int GetFile(const char* szFileName, CSyncSocket& sock, char nCode, const char* s
 
 // Reads the header lines at the start of the nLen bytes at buf into fi; what they do not name stays
 // as it is. Names count in any case; unknown ones are passed over. Returns the offset at which
-// reading stopped: the start of the body, or nLen when the header has no empty line.
-int GetFileInfoByBuf(const char* buf, int nLen, SCFileInfo& fi);
+// reading stopped: the start of the body, or nLen when the header has no empty line. pbWhole,
+// unless null, gets whether it was the empty line that ended the header.
+int GetFileInfoByBuf(const char* buf, int nLen, SCFileInfo& fi, bool* pbWhole = nullptr);
 
 // Reads one header line from offset nPos of the nLen bytes at szHttpCont and moves nPos behind it.
 // Blanks (space, tab) and CR are dropped wherever they stand; the first ":" ends the name, further

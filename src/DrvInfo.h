@@ -39,14 +39,15 @@ void ParseDrvInfo(const BYTE* pData, size_t nSize, std::map<CString, T>& mapDrvI
 // Adds the drivers of RecData/drvinfo.dat to the map. strPrjPath: project folder, GB2312, with its
 // "/". A file that is missing or below kMinDrvInfoBytes changes nothing. False, with nothing
 // loaded, for one whose transfer broke off, that another process does not let go, or that cannot be
-// read whole.
+// read whole. pGuard: decides how long another process is waited for; null: kFileLockMs.
 template <typename T>
-bool LoadPrjDrvInfo(const CString& strPrjPath, std::map<CString, T>& mapDrvInfos) {
+bool LoadPrjDrvInfo(const CString& strPrjPath, std::map<CString, T>& mapDrvInfos,
+                    CSocketGuard* pGuard = nullptr) {
     CString strFilePath = strPrjPath;
     strFilePath += kDrvInfoFile;
     XFile file;
     if (!CCacheFile(strFilePath).Open(file, O_RDONLY)) return true;
-    if (!file.Lock(false, kFileLockMs) || file.IsUnfinished()) return false;
+    if (!file.Lock(false, kFileLockMs, pGuard) || file.IsUnfinished()) return false;
     const UINT dwSize = file.GetFileSize();
     if (dwSize < kMinDrvInfoBytes || dwSize > kMaxDrvInfoBytes) return true;
     std::vector<BYTE> data(dwSize);

@@ -93,7 +93,7 @@ bool CPlantConnection::FetchDriverInfos(const SNAckRegReq& ackRegReq) {
     if (eHow == EGetFile::kNotWritten && LocalSize(m_strPrjPath, kDrvInfoFile) != info.size) {
         return true;
     }
-    return LoadPrjDrvInfo(m_strPrjPath, m_mapDrvInfos);
+    return LoadPrjDrvInfo(m_strPrjPath, m_mapDrvInfos, m_reqSock.Guard());
 }
 
 // ---- Files and requests
@@ -104,8 +104,8 @@ BOOL CPlantConnection::GetPrjFile(LPCTSTR szFileName, std::map<CString, SNFileIn
 }
 
 EGetFile CPlantConnection::Transfer(LPCTSTR szFileName, unsigned long nTime, unsigned long nSize) {
-    const EGetFile eHow =
-        TransferFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, nTime, nSize, nullptr, nullptr);
+    const EGetFile eHow = TransferFile(szFileName, m_reqSock, kReqFile, m_strPrjPath, nTime, nSize,
+                                       nullptr, nullptr, m_bJoinHeaders);
     if (eHow == EGetFile::kNotWritten) m_bUnreadBody = true;
     return eHow;
 }
@@ -149,12 +149,16 @@ bool DecodeAlarm(CByteReader& reader, S2RtAlarm2& alarm) {
     return !reader.Failed();
 }
 
-// Request: 'n', alone. Reply: 'n', count (2), then that many alarm records. Deliberate: the header
-// must come in one receive.
+// Request: 'n', alone. Reply: 'n', count (2), then that many alarm records. Deliberate: unless
+// headers are put together, this one must come in one receive.
 bool CPlantConnection::FetchAlarms(bool bKeep, std::vector<S2RtAlarm2>& alarms) {
     if (ReqSend(&kReqAlarms, 1) <= 0) return false;
     BYTE header[kAlarmHeader];
-    if (m_reqSock._Recv(header, sizeof header, 0) != static_cast<int>(sizeof header)) return false;
+    constexpr int nHeader = static_cast<int>(sizeof header);
+    if (m_bJoinHeaders ? !m_reqSock.RecvAll(header, nHeader, 0)
+                       : m_reqSock._Recv(header, nHeader, 0) != nHeader) {
+        return false;
+    }
     CByteReader reader(header, sizeof header);
     if (reader.ReadU8() != kReqAlarms) return false;
     for (UINT nLeft = reader.ReadU16(); nLeft > 0; --nLeft) {

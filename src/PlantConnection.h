@@ -62,6 +62,8 @@ class CPlantConnection : public CClientSock {
     // failed; the lists are then what the cache holds.
     bool LoadAlarmLists();
 
+    // Headers of files and of the alarms that come in pieces are put together.
+    bool m_bJoinHeaders = false;
     // The cache could not take a file: its body is still to come on m_reqSock.
     bool m_bUnreadBody = false;
     // What ConnectDB said in the last Login.

@@ -28,6 +28,8 @@ class CSocketGuard {
     // Waits until hSocket is ready for nEvents (POLLIN or POLLOUT), or broken, or there is nothing
     // to wait for any longer: then false, and the call fails.
     virtual bool Await(SOCKET hSocket, short nEvents) = 0;
+    // After a moment of waiting for something that is no socket: whether to wait on.
+    virtual bool WaitOn() = 0;
     // nLen bytes have been sent or received.
     virtual void Passed(bool bSent, const void* pData, size_t nLen) = 0;
 
@@ -157,6 +159,7 @@ class CSyncSocket {
     // interrupts, or whose time-out passes, asks the guard. Time-outs that are set under a guard
     // are cut to its slice.
     void SetGuard(CSocketGuard* pGuard) { m_pGuard = pGuard; }
+    CSocketGuard* Guard() const { return m_pGuard; }
 
     // Has the system probe an idle connection after 60 s and then every 20 s; after 3 lost probes
     // the connection is broken. So a cut cable shows within two minutes. False when the system

@@ -23,9 +23,10 @@ constexpr size_t ReadBytes(size_t nTags) { return 3 + 4 * std::min(nTags, kMaxRe
 //   bool Store(const BYTE* pChunk, size_t n);    the values of one chunk; false when they cannot be
 //                                                used, which ends the reply
 // The chunk's bytes are valid during Store.
+// bJoin: a header that comes in pieces is put together; else it must come as its reply says.
 //
 // Ownership: borrows socket and values. Threads: one thread at a time. Python: none.
-template <typename TValues>
+template <typename TValues, bool bJoin = false>
 class CReplyChunks {
   public:
     CReplyChunks(CSyncSocket& sock, TValues& values) : m_sock(sock), m_values(values) {}
@@ -35,7 +36,7 @@ class CReplyChunks {
     // values are missing. False when the exchange failed.
     bool ReceiveRead() {
         for (bool bMore = true; bMore && !m_values.Complete();) {
-            const BYTE* pHeader = m_sock.TakeOnce(kReadHeader);
+            const BYTE* pHeader = TakeHeader(kReadHeader);
             if (!pHeader) return false;
             CByteReader reader(pHeader, kReadHeader);
             if (reader.ReadU8() != kReqRead) return false;
@@ -50,15 +51,19 @@ class CReplyChunks {
     // failed.
     bool ReceiveSubscribed() {
         while (!m_values.Complete()) {
-            const BYTE* pCode = m_sock.TakeOnce(1);
+            const BYTE* pCode = TakeHeader(1);
             if (!pCode || *pCode != kReqSubscribe) return false;
-            const BYTE* pLength = m_sock.TakeOnce(2);
+            const BYTE* pLength = TakeHeader(2);
             if (!pLength || !Take(CByteReader(pLength, 2).ReadU16())) return false;
         }
         return true;
     }
 
   private:
+    const BYTE* TakeHeader(size_t nLen) {
+        return bJoin ? m_sock.TakeAll(nLen) : m_sock.TakeOnce(nLen);
+    }
+
     // Receives the nChunk bytes of a chunk and hands them over. False when they do not come, are
     // too many, or are the last of too many empty chunks in a row.
     bool Take(WORD nChunk) {

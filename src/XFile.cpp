@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "SyncSocket.h"
 #include "nonwin/cstring.h"
 
 static_assert(sizeof(off_t) == 8, "files are addressed with 64 bits on every host");
@@ -50,11 +51,13 @@ void XFile::Close() {
     m_fh = -1;
 }
 
-bool XFile::Lock(bool bAlone, long nTimeOutMs) {
+bool XFile::Lock(bool bAlone, long nTimeOutMs, CSocketGuard* pGuard) {
     for (long nWaited = 0;; nWaited += kLockPollMs) {
         if (flock(m_fh, (bAlone ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0) return true;
         if (errno != EWOULDBLOCK) return true;
-        if (nWaited >= nTimeOutMs || usleep(kLockPollMs * 1000) != 0) return false;
+        if (!pGuard && nWaited >= nTimeOutMs) return false;
+        const bool bWaited = usleep(kLockPollMs * 1000) == 0;
+        if (pGuard ? !pGuard->WaitOn() : !bWaited) return false;
     }
 }
 

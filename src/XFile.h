@@ -9,6 +9,8 @@
 #include "VzDefine.h"
 #include "nonwin/cstring.h"
 
+class CSocketGuard;
+
 // How long a file of the cache is waited for while another process has it locked.
 constexpr long kFileLockMs = 8000;
 
@@ -22,7 +24,7 @@ CString FileSystemPath(const std::string& strPath);
 //
 // Ownership: owns its descriptor and closes it when destroyed. Never copied.
 // Threads:   one thread at a time.
-// Python:    none.
+// Python:    none; what a guard does is its own affair.
 class XFile {
   public:
     XFile() = default;
@@ -48,8 +50,9 @@ class XFile {
 
     // Locks the open file against other processes that lock it, until it is closed: bAlone to
     // write, else to read beside others. Waits at most nTimeOutMs milliseconds, or until a signal
-    // comes; false when the lock was not to be had. True too on a file system that knows no locks.
-    bool Lock(bool bAlone, long nTimeOutMs);
+    // comes; with a guard as long as that one says, and no shorter. False when the lock was not to
+    // be had. True too on a file system that knows no locks.
+    bool Lock(bool bAlone, long nTimeOutMs, CSocketGuard* pGuard = nullptr);
 
     // Marks the open file as one whose content has not come to its end, or takes the mark away. The
     // mark is the file's sticky bit, which means nothing else on a file, and outlives the process.

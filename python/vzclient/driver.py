@@ -73,7 +73,8 @@ class Driver:
 
         Every value is checked against its tag's type and range before anything is sent; what the
         tag cannot hold, or what cannot be sent exactly, raises ValueRejected, and a user without
-        the right to write gets WriteDenied. A tag that was never read is read first, to learn its
+        the right to write gets WriteDenied. A real tag takes an int that it holds exactly; a
+        float is rounded to what it holds. A tag that was never read is read first, to learn its
         type. Datetimes without a zone are taken as local time.
 
         The server does not acknowledge writes: read the tag to see what became of one.

@@ -54,7 +54,8 @@ def connect(host: str, user: str = "", password: str = "", *, timeout: float = 5
 
     Functions given to ``on_state``, ``on_change`` and ``on_alarm`` are called on one thread of the
     plant; ``on_error(exception)`` is told what they raise. ``queue`` and ``overflow`` are for the
-    events that wait for that thread, as those of ``Driver.watch``.
+    events that wait for that thread, as those of ``Driver.watch``; when alarms fill the queue,
+    "latest" drops the oldest of them until a sixteenth of it is free.
 
     ``trace``: a text stream or a function that gets one line for each request and frame.
 

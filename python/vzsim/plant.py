@@ -69,6 +69,7 @@ class Tag:
         self.driver, self.index = driver, index
         self.name, self.vt = layout.name, layout.vt
         self.wire_name = layout.name.encode("gb2312")
+        self.aliases = layout.aliases
         self.signal = signals.Constant(layout.value)
         self.limits = []  # type: List[Limit]
         self.pushable = values.has_payload(layout.vt)
@@ -108,8 +109,8 @@ class Driver:
     def __init__(self, layout: plantfile.DriverLayout) -> None:
         self.name, self.id = layout.name, layout.id
         self.tags = [Tag(layout.id, i, tag) for i, tag in enumerate(layout.tags)]
-        self.by_wire_name = {tag.wire_name: tag for tag in self.tags}
-        self.by_name = {tag.name: tag for tag in self.tags}
+        self.by_name = {name: tag for tag in self.tags for name in [tag.name] + tag.aliases}
+        self.by_wire_name = {name.encode("gb2312"): tag for name, tag in self.by_name.items()}
 
 
 class Plant:

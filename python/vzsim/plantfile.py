@@ -33,6 +33,7 @@ A plant file is TOML (where the interpreter has ``tomllib``) or JSON of the same
     type = "r4"
     value = 50.0                       # constant, or one of signal = {...}, follows = "..."
     alarms = [{high = 80.0, text = "too high", group = "Boiler", level = 2, hysteresis = 1.0}]
+    aliases = ["LEVEL"]                # more names that a look-up finds the tag by
 
 ``follows`` names a tag ("Tag" of the same driver or "Driver/Tag") that the value approaches with
 the time constant ``tau`` (seconds); ``gain``, ``offset``, ``noise``, ``seed`` and ``value``
@@ -54,7 +55,8 @@ _REQUIRED = object()
 
 TagLayout = NamedTuple("TagLayout", [
     ("name", str), ("vt", int), ("value", Any), ("signal", Optional[Dict[str, Any]]),
-    ("follows", Optional[Dict[str, Any]]), ("limits", List["LimitLayout"]), ("where", str)])
+    ("follows", Optional[Dict[str, Any]]), ("limits", List["LimitLayout"]), ("where", str),
+    ("aliases", List[str])])
 LimitLayout = NamedTuple("LimitLayout", [
     ("limit", float), ("high", bool), ("text", str), ("group", str), ("level", int),
     ("hysteresis", float)])
@@ -229,13 +231,13 @@ def _ranged(table: _Table, name: str, default: Any, low: int, high: int) -> int:
     return value
 
 
-def _texts(table: _Table, name: str) -> List[str]:
+def _texts(table: _Table, name: str, limit: int = 255) -> List[str]:
     texts = table.take(name, list, [])
     for i, text in enumerate(texts):
         where = "%s[%d]" % (table.key(name), i)
         if not isinstance(text, str):
             raise PlantError("%s: must be str, not %r" % (where, text))
-        check_text(text, where, 255)
+        check_text(text, where, limit)
     return texts
 
 
@@ -322,9 +324,10 @@ def _tags(driver: _Table) -> List[TagLayout]:
         raise PlantError("%s: more than %d tags" % (driver.key("tags"), MAX_TAGS))
     for table in tables:
         tag = _tag(table)
-        if tag.name in names:
-            raise PlantError("%s: %r is there twice" % (table.key("name"), tag.name))
-        names.add(tag.name)
+        for key, name in [("name", tag.name)] + [("aliases", alias) for alias in tag.aliases]:
+            if name in names:
+                raise PlantError("%s: %r is there twice" % (table.key(key), name))
+            names.add(name)
         tags.append(tag)
         table.finish()
     return tags
@@ -332,9 +335,11 @@ def _tags(driver: _Table) -> List[TagLayout]:
 
 def _tag(table: _Table) -> TagLayout:
     name = table.text("name", limit=MAX_NAME)
-    if "," in name:
-        raise PlantError("%s: a comma separates names and cannot be part of one"
-                         % table.key("name"))
+    aliases = _texts(table, "aliases", MAX_NAME)
+    for key, each in [("name", name)] + [("aliases", alias) for alias in aliases]:
+        if "," in each:
+            raise PlantError("%s: a comma separates names and cannot be part of one"
+                             % table.key(key))
     kind = table.take("type", str)
     if kind not in values.TYPE_CODES:
         raise PlantError("%s: must be one of %s, not %r"
@@ -347,7 +352,7 @@ def _tag(table: _Table) -> TagLayout:
     if signal is not None:
         _check_signal(vt, signal, table.key("signal"))
     value = _value(table, vt)
-    return TagLayout(name, vt, value, signal, follows, _limits(table), table.where)
+    return TagLayout(name, vt, value, signal, follows, _limits(table), table.where, aliases)
 
 
 def _check_signal(vt: int, signal: Dict[str, Any], where: str) -> None:

@@ -98,10 +98,11 @@ void CFeed::MakeRoom() {
     ++m_nDropped;
 }
 
-// Of each tag and token the newest value stays; of what is no value the oldest goes, if need be.
-// Then the feed has room for as many events again as it has such values: so the next walk is as far
-// away, and a feed of more tags than its capacity still has a place for each. Nothing has changed
-// when memory is short.
+// Of each tag and token the newest value stays; of what is no value the oldest go, if need be. The
+// feed has room for twice as many events as it has such values, so one of more tags than its
+// capacity still has a place for each; and at least a sixteenth of it is free afterwards, so the
+// walks cost some sixteen steps for each event that is pushed. Nothing has changed when memory is
+// short.
 void CFeed::KeepNewest() {
     struct SHash {
         size_t operator()(const std::pair<const CWatchedTag*, uint32_t>& key) const {
@@ -118,7 +119,8 @@ void CFeed::KeepNewest() {
         if (!goes[i]) ++nKept;
     }
     m_nFull = std::max(m_nCapacity, 2 * newest.size());
-    for (size_t i = 0; nKept >= m_nFull; ++i) {
+    const size_t nFree = std::max<size_t>(m_nFull / 16, 1);
+    for (size_t i = 0; nKept + nFree > m_nFull; ++i) {
         if (m_events[i].eKind == SEvent::EKind::kChange) continue;
         goes[i] = true;
         --nKept;

@@ -35,6 +35,9 @@ struct CWatchedTag {
     PyObject* const tag;
     XVariant value;  // the last one heard; guarded by the routes' lock
     std::vector<SRoute> routes;
+    // The next of the names that are one tag in the session that watched this one last: a server
+    // may resolve several names to one id. Guarded by the routes' lock.
+    CWatchedTag* pAlias = nullptr;
 };
 
 // One thing told. Which of its fields count, its kind says.
@@ -75,8 +78,10 @@ struct SEvent {
 class CFeed {
   public:
     enum class EOverflow {
-        kLatest,  // a full feed keeps of each tag the newest value; of all else the oldest goes
-        kOldest   // the oldest event goes
+        // A full feed keeps of each tag the newest value; of all else the oldest go, until a
+        // sixteenth of the feed is free.
+        kLatest,
+        kOldest  // the oldest event goes
     };
 
     // nCapacity: events, at least 1. Throws std::bad_alloc when there is no descriptor to be had.

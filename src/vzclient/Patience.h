@@ -37,10 +37,9 @@ class CPatience final : public CSocketGuard {
 
     bool MayWait() override;
     bool Await(SOCKET hSocket, short nEvents) override;
+    bool WaitOn() override;
     void Passed(bool bSent, const void* pData, size_t nLen) override;
 
-    // After a slice of waiting for something that is not a socket: whether to wait on.
-    bool WaitOn();
     // Nanoseconds until the deadline, 0 when it has passed.
     int64_t LeftNs() const;
 

@@ -127,6 +127,17 @@ class CWatchValues {
     const size_t m_nEnd;
 };
 
+// Has a name told of the changes of a tag, beginning with the value that its other names have.
+void AddName(SDriver& driver, WORD nId, CWatchedTag& name) {
+    CWatchedTag*& pFirst = driver.watched[nId];
+    for (const CWatchedTag* p = pFirst; p; p = p->pAlias) {
+        if (p == &name) return;
+    }
+    if (pFirst) name.value = pFirst->value;
+    name.pAlias = pFirst;
+    pFirst = &name;
+}
+
 // Guards the notification channel while it is opened: the trace tells its bytes from the others.
 class CNotifyGuard final : public CSocketGuard {
   public:
@@ -136,6 +147,7 @@ class CNotifyGuard final : public CSocketGuard {
     bool Await(SOCKET hSocket, short nEvents) override {
         return m_patience.Await(hSocket, nEvents);
     }
+    bool WaitOn() override { return m_patience.WaitOn(); }
     void Passed(bool bSent, const void* pData, size_t nLen) override {
         m_patience.SetNotify(true);
         m_patience.Passed(bSent, pData, nLen);
@@ -205,7 +217,7 @@ size_t CFrames::ChangeFrame(SDriver& driver, const BYTE* pFrame, size_t nLen, in
     if (nSize == kNoSize) return 0;
     if (nSize == 0) return kUnusable;  // no type, or one without a payload
     ++m_nChanges;
-    if (CWatchedTag* pTag = driver.watched[nTag]) {
+    for (CWatchedTag* pTag = driver.watched[nTag]; pTag; pTag = pTag->pAlias) {
         if (pTag->value.vt != vt) {
             pTag->value.Clear();
             pTag->value.vt = vt;
@@ -382,6 +394,7 @@ int CSession::Connect(const char* szHost, ULONG nIp, const char* szUser, const c
     m_reqSock.SetGuard(&patience);
     m_rcvSock.SetGuard(&notify);
     m_bTellLan = false;
+    m_bJoinHeaders = true;
     m_nHostIp = nIp;
     const int nResult = Login(szHost, szUser, szPassword, m_strProject);
     if (nResult != kConnected) return nResult;
@@ -536,7 +549,7 @@ CSession::EResult CSession::Read(SDriver& driver, const WORD* pIds, size_t nCoun
         }
         CReadValues values(driver, pIds + nFrom, nBatch, strValues);
         if (!m_reqSock.SendAll(request, static_cast<int>(writer.Size()), 0) ||
-            !CReplyChunks<CReadValues>(m_reqSock, values).ReceiveRead()) {
+            !CReplyChunks<CReadValues, true>(m_reqSock, values).ReceiveRead()) {
             return Ended(patience, false);
         }
         bShort = !values.Complete();
@@ -584,8 +597,11 @@ CSession::EResult CSession::Watch(SDriver& driver, const std::vector<CWatchedTag
     std::vector<size_t> asked;  // indices of the tags to subscribe
     {
         std::lock_guard<std::mutex> guard(m_pRoutes->m_lock);
+        std::vector<bool> seen(driver.nTagCount);
         for (size_t i = 0; i < tags.size(); ++i) {
-            if (!driver.watched[ids[i]]) asked.push_back(i);
+            const WORD nId = ids[i];
+            if (!driver.watched[nId] && !seen[nId]) asked.push_back(i);
+            seen[nId] = true;
         }
     }
     std::vector<XVariant> values;
@@ -602,7 +618,7 @@ CSession::EResult CSession::Watch(SDriver& driver, const std::vector<CWatchedTag
         }
         CWatchValues batch(values, nBatch);
         if (!m_reqSock.SendAll(request, static_cast<int>(writer.Size()), 0) ||
-            !CReplyChunks<CWatchValues>(m_reqSock, batch).ReceiveSubscribed()) {
+            !CReplyChunks<CWatchValues, true>(m_reqSock, batch).ReceiveSubscribed()) {
             return Ended(patience, false);
         }
     }
@@ -613,12 +629,13 @@ CSession::EResult CSession::Watch(SDriver& driver, const std::vector<CWatchedTag
         CWatchedTag& tag = *tags[asked[i]];
         const WORD nId = ids[asked[i]];
         driver.types[nId].store(values[i].vt, std::memory_order_relaxed);
-        driver.watched[nId] = &tag;
+        AddName(driver, nId, tag);
         tag.value.Swap(values[i]);
     }
-    for (CWatchedTag* pTag : tags) {
-        if (pRoute) pTag->routes.push_back(*pRoute);
-        m_pRoutes->TellChange(*pTag, nNowUs, !pRoute, pRoute);
+    for (size_t i = 0; i < tags.size(); ++i) {
+        AddName(driver, ids[i], *tags[i]);
+        if (pRoute) tags[i]->routes.push_back(*pRoute);
+        m_pRoutes->TellChange(*tags[i], nNowUs, !pRoute, pRoute);
     }
     return Ended(patience, true);
 }

@@ -28,7 +28,8 @@ struct SDriver {
     const WORD nTagCount;
     // What the server last said of each tag's type. Read and written without a lock.
     std::vector<std::atomic<VARTYPE>> types;
-    std::vector<CWatchedTag*> watched;  // by tag id; guarded by the routes' lock
+    // By tag id, the first of the tag's watched names; guarded by the routes' lock.
+    std::vector<CWatchedTag*> watched;
 };
 
 // Bytes of notifications in the order they came, of which frames are cut only by their end.

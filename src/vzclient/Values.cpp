@@ -248,16 +248,44 @@ bool IsExactReal(int64_t n) {
     return f < 0x1p63 && static_cast<int64_t>(f) == n;
 }
 
-// Takes a real number out of obj, as WholeOf.
-const char* RealOf(PyObject* obj, double& f) {
-    if (PyFloat_Check(obj)) {
-        f = PyFloat_AS_DOUBLE(obj);
-        return nullptr;
+// Takes a whole number that a double holds exactly out of obj, as WholeOf.
+const char* WholeRealOf(PyObject* obj, double& f) {
+    PyObject* index = PyNumber_Index(obj);
+    if (!index) return nullptr;
+    f = PyLong_AsDouble(index);
+    const char* szWhy = nullptr;
+    if (f == -1.0 && PyErr_Occurred()) {
+        if (PyErr_ExceptionMatches(PyExc_OverflowError)) {
+            PyErr_Clear();
+            szWhy = "out of the tag's range";
+        }
+    } else {
+        // Compared as ints, whatever class of them it is.
+        PyObject* back = PyLong_FromDouble(f);
+        PyObject* same = back ? PyLong_Type.tp_richcompare(index, back, Py_EQ) : nullptr;
+        if (same == Py_False) szWhy = "too large to be sent exactly";
+        Py_XDECREF(same);
+        Py_XDECREF(back);
     }
-    int64_t n = 0;
-    const char* szWhy = PyIndex_Check(obj) ? WholeOf(obj, n) : "the tag holds numbers";
-    f = static_cast<double>(n);
-    return szWhy || IsExactReal(n) ? szWhy : "too large to be sent exactly";
+    Py_DECREF(index);
+    return szWhy;
+}
+
+// Takes a real number for a tag of type vt out of obj, as WholeOf. Deliberate: what the tag holds
+// of a float is the nearest that it can, but of a whole number it is all or nothing.
+const char* RealOf(VARTYPE vt, PyObject* obj, double& f) {
+    const bool bFloat = PyFloat_Check(obj);
+    if (bFloat) {
+        f = PyFloat_AS_DOUBLE(obj);
+    } else {
+        if (!PyIndex_Check(obj)) return "the tag holds numbers";
+        const char* szWhy = WholeRealOf(obj, f);
+        if (szWhy || PyErr_Occurred()) return szWhy;
+    }
+    if (vt != VT_R4 || !std::isfinite(f)) return nullptr;
+    if (std::fabs(f) > double{FLT_MAX}) return "out of the tag's range";
+    const bool bHeld = bFloat || double{static_cast<float>(f)} == f;
+    return bHeld ? nullptr : "too large for the tag to hold exactly";
 }
 
 const char* PutWhole(VARTYPE vt, const SRange& range, PyObject* obj, std::string& strBytes) {
@@ -285,13 +313,9 @@ const char* PutFor(VARTYPE vt, PyObject* obj, std::string& strBytes) {
     switch (vt) {
         case VT_R4:
         case VT_R8:
-            szWhy = RealOf(obj, f);
-            if (szWhy || PyErr_Occurred()) return szWhy;
-            if (vt == VT_R4 && std::isfinite(f) && std::fabs(f) > double{FLT_MAX}) {
-                return "out of the tag's range";
-            }
-            PutReal(strBytes, f);
-            return nullptr;
+            szWhy = RealOf(vt, obj, f);
+            if (!szWhy && !PyErr_Occurred()) PutReal(strBytes, f);
+            return szWhy;
         case VT_STR:
             return PutText(obj, strBytes);
         case VT_DATE:

@@ -53,6 +53,8 @@ def test_unknown_names_show_as_text_not_quoted(connected):
     ("8", dict(action="close", how="reset"), "ConnectError", "the server runs"),
     ("9", dict(action="close"), "ConnectError", "the server runs"),
     ("4", dict(action="close"), "ConnectError", "the server runs"),
+    ("4", dict(action="cut", after=8), "ConnectError", "the server runs"),
+    ("4", dict(action="garbage", size=300), "ConnectError", "the server runs"),
     ("accept", dict(action="close"), "ConnectError", "the server runs"),
 ])
 def test_a_connection_that_cannot_be_made_says_where_and_what_to_check(

@@ -6,7 +6,9 @@ import socket
 import pytest
 
 import wire
+from cache import cache_folder
 from plants import SMALL_PLANT
+from prelude import host_of
 
 STATES = "on_state=lambda state: states.append(state.name)"
 CPU = "sum(__import__('resource').getrusage(0)[:2])"
@@ -101,6 +103,17 @@ def test_a_user_who_is_refused_for_a_while_is_tried_again(connected, sim, live):
     sim.drop_clients()
     live()
     assert len(sim.requests(codes="9")) == 4
+
+
+@pytest.mark.parametrize("after", [1, 8, 20])
+def test_a_driver_file_whose_header_breaks_off_is_asked_for_again(connected, sim, live, after):
+    os.utime(os.path.join(cache_folder(host_of(sim)), "Line1/RecData/drvinfo.dat"), (1, 1))
+    sim.fault("4", "cut", after=after, times=2)
+    sim.drop_clients()
+    live()
+    assert connected("sorted(plant.drivers), line['a']") == (
+        ["line1", "none", "wide", "锅炉"], 1)
+    assert len(sim.requests(codes="4")) == 3
 
 
 def test_the_reason_of_a_refusal_is_told(connected, sim):
@@ -307,6 +320,23 @@ def test_a_tag_that_is_gone_is_told_again_when_it_is_back(connected, restart, si
     simulate(line1_with(("a", 30)), port=second.port)
     live(2)
     assert connected("take(watch, 1)") == [("a", 30)]
+
+
+def test_names_of_one_tag_may_become_two_tags_and_one_again(connected, simulate, sim, live):
+    connected("watch, other = line.watch('a'), line.watch('b')\ntake(watch, 1), take(other, 1)")
+    one = line1_with(("a", 10))
+    one["drivers"][0]["tags"][0]["aliases"] = ["b"]
+    two = line1_with(("a", 20), ("b", 30))
+    of_one = [("a", 10), ("a", 11)], [("b", 10), ("b", 11)]
+    of_two = [("a", 20), ("a", 21)], [("b", 30), ("b", 31)]
+    for times, plant, told in ((1, one, of_one), (2, two, of_two), (3, one, of_one)):
+        sim.close()
+        connected("until(lambda: plant.state.name in ('lost', 'connecting'))")
+        sim = simulate(plant, port=sim.port)
+        live(times)
+        for name, value in (told[0][1], told[1][1]):
+            sim.set_value("line1", name, value)
+        assert connected("take(watch, 2), take(other, 2)") == told
 
 
 def test_a_driver_that_is_gone_is_unknown(connected, restart, live, raised):

@@ -106,6 +106,60 @@ def test_tags_of_one_name_in_two_drivers_are_two_tags(simulate, client, sim):
     assert client("take(two, 1), one.waiting") == ([("x", 9)], 0)
 
 
+# ---- several names of a tag ---------------------------------------------------------------------
+
+@pytest.fixture
+def two_names(simulate, client):
+    """A plant whose tag Temp is called TEMP too, with a client that is connected to it."""
+    plant = simulate(dict(SMALL_PLANT, drivers=[{"name": "line1", "tags": [
+        {"name": "Temp", "type": "i4", "value": 1, "aliases": ["TEMP"]}]}]))
+    client("host = '127.0.0.1:%d'\nplant = connect()\nline = plant['line1']" % plant.port)
+    plant.requests(clear=True)
+    return plant
+
+
+def test_each_name_of_a_tag_is_told_its_changes(two_names, client):
+    client("one = line.watch('Temp')\nother = line.watch('TEMP')")
+    two_names.set_value("line1", "Temp", 9)
+    assert client("take(one, 2), take(other, 2)") == (
+        [("Temp", 1), ("Temp", 9)], [("TEMP", 1), ("TEMP", 9)])
+    assert two_names.requests(codes="b")[0][2] == wire.subscribe(0, 0)
+    assert len(two_names.requests(codes="b")) == 1
+
+
+def test_a_watch_of_two_names_of_a_tag_is_told_both(two_names, client):
+    client("watch = line.watch('TEMP', 'Temp')")
+    two_names.set_value("line1", "Temp", 9)
+    assert client("take(watch, 2), sorted(take(watch, 2))") == (
+        [("TEMP", 1), ("Temp", 1)], [("TEMP", 9), ("Temp", 9)])
+
+
+def test_each_name_of_a_tag_has_its_callback(two_names, client):
+    client("calls = []\n"
+           "for name in ('Temp', 'TEMP'): line.on_change(note(calls), name)")
+    two_names.set_value("line1", "Temp", 9)
+    client("until(lambda: len(calls) == 4)")
+    assert client("sorted(calls)") == [("TEMP", 1), ("TEMP", 9), ("Temp", 1), ("Temp", 9)]
+
+
+def test_each_name_of_a_tag_is_told_after_a_reconnect(two_names, client):
+    client("one = line.watch('Temp')\nother = line.watch('TEMP')\ntake(one, 1), take(other, 1)")
+    two_names.drop_clients()
+    client("until(lambda: (plant.state.name, plant.stats.reconnects) == ('live', 1))")
+    two_names.set_value("line1", "Temp", 9)
+    assert client("take(one, 2), take(other, 2)") == (
+        [("Temp", 1), ("Temp", 9)], [("TEMP", 1), ("TEMP", 9)])
+
+
+def test_a_name_whose_watch_is_closed_leaves_the_others_alone(two_names, client):
+    client("one = line.watch('Temp')\nother = line.watch('TEMP')\n"
+           "take(one, 1), take(other, 1)\nother.close()")
+    two_names.set_value("line1", "Temp", 9)
+    assert client("take(one, 1)") == [("Temp", 9)]
+
+
+# ---- several threads ----------------------------------------------------------------------------
+
 def test_several_threads_may_share_a_watch(watched, sim):
     watched("threads_ = [Thread(lambda: [watch.get(LIMIT).value for _ in range(250)])"
             " for _ in range(4)]")

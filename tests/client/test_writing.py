@@ -55,6 +55,8 @@ def refused(connected, raised, sim):
     ("r8", "0.1", wire.r8(0.1)), ("r8", "7", wire.r8(7.0)), ("r8", "True", wire.r8(1.0)),
     ("r8", "1.7976931348623157e308", wire.r8(1.7976931348623157e308)),
     ("r8", "5e-324", wire.r8(5e-324)), ("r8", "2 ** 53", wire.r8(2.0 ** 53)),
+    ("r8", "2 ** 70", wire.r8(2.0 ** 70)), ("r8", "-2 ** 1023", wire.r8(-2.0 ** 1023)),
+    ("r4", "2 ** 24", wire.r8(2.0 ** 24)), ("r4", "-2 ** 127", wire.r8(-2.0 ** 127)),
     ("r8", "float('inf')", wire.r8(float("inf"))), ("r4", "float('-inf')", wire.r8(-float("inf"))),
     ("r8", "float('nan')", wire.r8(float("nan"))), ("r4", "float('nan')", wire.r8(float("nan"))),
     ("r4", "0.1", wire.r8(0.1)), ("r4", "3.4028234663852886e38", wire.r8(3.4028234663852886e38)),
@@ -154,8 +156,8 @@ def test_many_values_are_split_in_order(connected, written):
 
 # ---- what a tag cannot take ---------------------------------------------------------------------
 
-RANGE, WHOLE, EXACT = "out of the tag's range", "the tag holds whole numbers", (
-    "too large to be sent exactly")
+RANGE, WHOLE, EXACT, HELD = "out of the tag's range", "the tag holds whole numbers", (
+    "too large to be sent exactly"), "too large for the tag to hold exactly"
 
 
 @pytest.mark.parametrize("name,value,why", [
@@ -166,6 +168,8 @@ RANGE, WHOLE, EXACT = "out of the tag's range", "the tag holds whole numbers", (
     ("ui4", "-1", RANGE), ("ui4", "4294967296", RANGE), ("uint", "4294967296", RANGE),
     ("i8", "2 ** 63", RANGE), ("i8", "-2 ** 63 - 1", RANGE), ("i8", "10 ** 100", RANGE),
     ("i8", "2 ** 53 + 1", EXACT), ("i8", "%d" % I8_MAX, EXACT), ("r8", "2 ** 53 + 1", EXACT),
+    ("r8", "2 ** 70 + 1", EXACT), ("r8", "2 ** 1024", RANGE), ("r8", "-2 ** 1024", RANGE),
+    ("r4", "2 ** 24 + 1", HELD), ("r4", "-2 ** 24 - 1", HELD), ("r4", "2 ** 128", RANGE),
     ("bool", "2", RANGE), ("bool", "-1", RANGE), ("i4", "0.5", WHOLE), ("bool", "0.5", WHOLE),
     ("i4", "1e300", RANGE), ("i4", "float('nan')", RANGE), ("i8", "float('inf')", RANGE),
     ("i4", "'5'", WHOLE), ("i4", "None", WHOLE), ("i4", "b'5'", WHOLE), ("i4", "[5]", WHOLE),

@@ -6,7 +6,7 @@ import os
 import pytest
 
 from conftest import small_plant
-from vzsim import PlantError, plantfile, signals
+from vzsim import PlantError, plantfile, signals, values
 from vzsim.plant import Plant
 
 try:
@@ -110,6 +110,10 @@ def test_an_unreadable_file_is_one_line_that_names_it(tmp_path, name, text):
     (with_tag(type="str", value="x" * 4094), "drivers[0].tags[0].value: longer than 4096"),
     (with_tag(type="i2", name="a,b"), "drivers[0].tags[0].name: a comma"),
     (with_tag(type="i2", name="n" * 765), "drivers[0].tags[0].name: longer than 764"),
+    (with_tag(type="i2", aliases=["b", 1]), "drivers[0].tags[0].aliases[1]: must be str"),
+    (with_tag(type="i2", aliases=["a,b"]), "drivers[0].tags[0].aliases: a comma"),
+    (with_tag(type="i2", aliases=["n" * 765]), "drivers[0].tags[0].aliases[0]: longer than 764"),
+    (with_tag(type="i2", aliases=["b", "b"]), "drivers[0].tags[0].aliases: 'b' is there twice"),
     (with_tag(type="i2", signal={"kind": "jump"}), "drivers[0].tags[0].signal: kind must be"),
     (with_tag(type="i2", signal={"kind": "sine"}), "drivers[0].tags[0].signal: missing"),
     (with_tag(type="i2", signal={"kind": "counter", "every": 0}), "every must be greater"),
@@ -159,6 +163,14 @@ def test_the_limits_of_every_number_hold_on_both_sides():
     run({"name": "p", "center": {"X": "127.0.0.1:65535"}})
     assert refused({"name": "p", "center": {"X": "127.0.0.1:65536"}})
     assert run({"name": "p", "tick": 0}).layout.tick == 0
+
+
+def test_a_tag_is_found_by_each_of_its_names():
+    plant = run(with_tag(type="i2", name="Temp", aliases=["TEMP", "温度"]))
+    for name in ("Temp", "TEMP", "温度"):
+        assert plant.lookup(0, name.encode("gb2312")) == (0, values.TYPE_CODES["i2"])
+        assert plant.find(0, name).name == "Temp"
+    assert plant.lookup(0, b"temp") == (0xFFFF, 0)
 
 
 def test_a_driver_has_at_most_65535_tags():

@@ -135,6 +135,10 @@ class CClientFixture : public ::testing::Test {
     EResult Watch(const std::vector<WORD>& tagIds, const SRoute* pRoute, double fSeconds = 60) {
         std::vector<CWatchedTag*> tags;
         for (const WORD nId : tagIds) tags.push_back(Tag(nId));
+        return WatchTags(tags, tagIds, pRoute, fSeconds);
+    }
+    EResult WatchTags(const std::vector<CWatchedTag*>& tags, const std::vector<WORD>& tagIds,
+                      const SRoute* pRoute, double fSeconds = 60) {
         return Do(
             [&](CPatience& p) {
                 return session->Watch(*session->Driver(0), tags, tagIds, pRoute, p);

@@ -132,6 +132,26 @@ TEST_F(ClientConnect, FileThatNeverEndsIsGivenUpAtTheDeadline) {
     EXPECT_EQ(eEnd, EEnd::kTimedOut);
 }
 
+TEST_F(ClientConnect, DriverFileMayComeByteByByte) {
+    OrderHellos();
+    OrderUser();
+    server.Expect(0, kFirstDrvInfoRequest);
+    server.Drip(0, plant.DrvInfoReply());
+    EXPECT_EQ(Connect(), kConnected);
+    EXPECT_EQ(session->m_mapDrvInfos.size(), 2u);
+    ExpectLive();
+}
+
+TEST_F(ClientConnect, DriverFileWithoutAWholeHeaderFailsIt) {
+    OrderHellos();
+    OrderUser();
+    server.Expect(0, kFirstDrvInfoRequest);
+    server.Send(0, plant.DrvInfoReply().substr(0, 3));
+    server.Close(0);
+    EXPECT_EQ(Connect(), kConnectFailed);
+    EXPECT_EQ(eEnd, EEnd::kNone);
+}
+
 TEST_F(ClientConnect, SessionThatIsEndedMeanwhileGetsNoFurther) {
     server.Accept();
     server.Take(0, &strHello);
@@ -329,6 +349,19 @@ TEST_F(ClientSession, ValuesMayComeInChunks) {
     EXPECT_EQ(strValues, k42 + k42 + k42);
 }
 
+TEST_F(ClientSession, ReadReplyMayBeCutAnywhere) {
+    const std::string strReply = ReadChunk(true, k42) + ReadChunk(false, k42);
+    for (size_t n = 1; n < strReply.size(); ++n) {
+        server.Expect(0, ReadRequest(0, 2));
+        server.Send(0, strReply.substr(0, n));
+        server.UntilTaken(0, session->m_reqSock);
+        server.Send(0, strReply.substr(n));
+        ASSERT_EQ(Read({0, 1}), EResult::kDone) << n;
+        EXPECT_EQ(strValues, k42 + k42) << n;
+    }
+    ExpectLive();
+}
+
 TEST_F(ClientSession, ArrayIsItsTypeCodeAndEndsItsChunk) {
     const std::string strArray = Hex("00 20 02 00") + k42 + Hex("08 00 41 42 00");
     OnRequest(ReadRequest(0, 3), ReadChunk(true, k42 + strArray) + ReadChunk(false, k42));
@@ -507,6 +540,21 @@ TEST_F(ClientSession, WatchTellsPresentValuesAndThenChanges) {
     ExpectLive();
 }
 
+TEST_F(ClientLimits, SubscriptionReplyMayBeCutAnywhere) {
+    const SRoute route{pFeed, 0};
+    const std::string strReply = WatchChunk(k42) + WatchChunk(k42);
+    for (WORD n = 1; n < strReply.size(); ++n) {
+        const WORD nTag = static_cast<WORD>(2 * n);
+        server.Expect(0, WatchRequest(nTag, 2));
+        server.Send(0, strReply.substr(0, n));
+        server.UntilTaken(0, session->m_reqSock);
+        server.Send(0, strReply.substr(n));
+        ASSERT_EQ(Watch({nTag, static_cast<WORD>(nTag + 1)}, &route), EResult::kDone) << n;
+        EXPECT_EQ(Told(*pFeed, 2).size(), 2u);
+    }
+    ExpectLive();
+}
+
 TEST_F(ClientSession, ChangesThatComeBeforeTheReplyAreToldBehindIt) {
     const SRoute route{pFeed, 0};
     server.Expect(0, WatchRequest(0, 1));
@@ -563,6 +611,39 @@ TEST_F(ClientSession, TagThatIsWatchedAlreadyIsNotAskedForAgain) {
     server.Send(1, Change(0, U32(8)) + Change(1, Hex("00")));
     EXPECT_EQ(Told(*other.pFeed, 2), (Texts{"T0=8", "T1=0"}));
     EXPECT_EQ(Told(*pFeed, 1), Texts{"T0=8"});
+    ExpectLive();
+}
+
+TEST_F(ClientSession, NamesOfOneTagAreSubscribedOnceAndEachIsTold) {
+    const SRoute route{pFeed, 0};
+    OnRequest(WatchRequest(0, 2), WatchChunk(k42 + Hex("0B 00 01")));
+    EXPECT_EQ(WatchTags({Tag(0), Tag(10), Tag(1), Tag(11)}, {0, 0, 1, 0}, &route), EResult::kDone);
+    EXPECT_EQ(Told(*pFeed, 4), (Texts{"T0=42", "T10=42", "T1=1", "T11=42"}));
+    server.Send(1, Change(0, U32(7)) + Change(1, Hex("00")));
+    Texts said = Told(*pFeed, 4);
+    std::sort(said.begin(), said.begin() + 3);
+    EXPECT_EQ(said, (Texts{"T0=7", "T10=7", "T11=7", "T1=0"}));
+    EXPECT_EQ(session->Frames().m_nChanges, 2u);
+    ExpectLive();
+}
+
+TEST_F(ClientSession, SecondNameOfATagBeginsWithTheLastValueOfTheFirst) {
+    const SRoute route{pFeed, 1};
+    OnRequest(WatchRequest(0, 1), WatchChunk(k42));
+    EXPECT_EQ(Watch({0}, &route), EResult::kDone);
+    server.Send(1, Change(0, U32(7)));
+    EXPECT_EQ(Told(*pFeed, 2), (Texts{"T0=42", "T0=7"}));
+    const SRoute other{std::make_shared<CFeed>(10, CFeed::EOverflow::kLatest), 2};
+    EXPECT_EQ(WatchTags({Tag(10)}, {0}, &other), EResult::kDone);
+    EXPECT_EQ(WatchTags({Tag(10), Tag(0)}, {0, 0}, &other), EResult::kDone);
+    EXPECT_EQ(Told(*other.pFeed, 3), (Texts{"T10=7", "T10=7", "T0=7"}));
+    pRoutes->Drop(other.pFeed.get(), 2);
+    server.Send(1, Change(0, U32(8)));
+    EXPECT_EQ(Told(*pFeed, 1), Texts{"T0=8"});
+    Tag(10)->routes = {other};
+    server.Send(1, Change(0, U32(9)));
+    EXPECT_EQ(Told(*other.pFeed, 1), Texts{"T10=9"});
+    EXPECT_EQ(Told(*pFeed, 1), Texts{"T0=9"});
     ExpectLive();
 }
 
@@ -708,6 +789,24 @@ TEST_F(ClientAlarms, ReplyOfAnotherCodeEndsTheSession) {
     EXPECT_EQ(WatchAlarms(&route, true), EResult::kFailed);
     ExpectOver("the request channel broke");
     EXPECT_TRUE(pRoutes->m_alarmRoutes.empty());
+}
+
+TEST_F(ClientAlarms, RepliesMayComeByteByByte) {
+    const SRoute route{pFeed, 0};
+    server.Expect(0, "n");
+    server.Drip(0, "n" + U16(1) + AlarmRecord(3));
+    server.Expect(0, kTextsRequest);
+    server.Drip(0, kTextsReply);
+    server.Expect(0, kTagsRequest);
+    server.Drip(0, kTagsReply);
+    EXPECT_EQ(WatchAlarms(&route, true), EResult::kDone);
+    EXPECT_EQ(Told(*pFeed, 1), Texts{"alarm 3"});
+    std::vector<CString> texts;
+    std::vector<CString> tags;
+    session->AlarmTexts(texts, tags);
+    EXPECT_EQ(texts.size(), 2u);
+    EXPECT_EQ(tags.size(), 1u);
+    ExpectLive();
 }
 
 TEST_F(ClientAlarms, CutListEndsTheSession) {

@@ -60,6 +60,71 @@ TEST_F(DownFileBody, HeaderCutBeforeItsBlankLineIsFollowedByTheBody) {
     ExpectStamp("f.dat", 16);
 }
 
+TEST_F(DownFileBody, HeaderThatIsCutAnywhereIsPutTogetherOnWish) {
+    m_bJoinHeader = true;
+    const std::string strReply = "Size:4\r\nFileTime:10\r\n\r\nabcd";
+    for (size_t n = 1; n < strReply.size(); ++n) {
+        EXPECT_EQ(TransferOf({strReply.substr(0, n), strReply.substr(n)}), EGetFile::kWritten) << n;
+        EXPECT_EQ(m_folder.Get("f.dat"), "abcd") << n;
+        ExpectStamp("f.dat", 16);
+        EXPECT_TRUE(m_sock.m_script.empty()) << n;
+        m_folder.Put("f.dat", "old");
+    }
+}
+
+TEST_F(DownFileBody, HeaderOfSingleBytesIsPutTogetherOnWish) {
+    m_bJoinHeader = true;
+    std::deque<std::string> script;
+    for (const char c : std::string("UseLast:Yes\r\n\r\n")) script.emplace_back(1, c);
+    m_folder.Put("f.dat", "held");
+    EXPECT_EQ(TransferOf(script), EGetFile::kKept);
+    EXPECT_EQ(m_sock.m_asked.front(), 2048);
+    EXPECT_EQ(m_sock.m_asked.back(), 2048 - 14);
+    EXPECT_EQ(m_folder.Get("f.dat"), "held");
+}
+
+TEST_F(DownFileBody, HeaderWithoutItsEndFailsOnWishAndTouchesNothing) {
+    m_bJoinHeader = true;
+    m_folder.Put("f.dat", "held");
+    for (const std::string strHeader :
+         {"Size:4\r\nFileTime:10\r\n", "Exist:No\r\n", "Size:4\r\n\r"}) {
+        EXPECT_EQ(TransferOf({strHeader}), EGetFile::kFailed);           // an error
+        EXPECT_EQ(TransferOf({strHeader, "", "x"}), EGetFile::kFailed);  // the connection's end
+    }
+    EXPECT_EQ(m_folder.Get("f.dat"), "held");
+}
+
+TEST_F(DownFileBody, HeaderIsPutTogetherUpTo2048Bytes) {
+    m_bJoinHeader = true;
+    const std::string strBlanks = "Size:2\r\n" + std::string(2048 - 8 - 2, ' ');
+    EXPECT_EQ(TransferOf({strBlanks.substr(0, 1000), strBlanks.substr(1000) + "\r\n", "ab"}),
+              EGetFile::kWritten);
+    EXPECT_EQ(m_folder.Get("f.dat"), "ab");
+    m_sock.m_asked.clear();
+    EXPECT_EQ(TransferOf({strBlanks.substr(0, 1000), strBlanks.substr(1000) + " \r", "\nab"}),
+              EGetFile::kFailed);
+    EXPECT_EQ(m_sock.m_asked, (std::vector<int>{2048, 1048}));
+    EXPECT_EQ(m_folder.Get("f.dat"), "ab");
+}
+
+TEST_F(DownFileBody, HeaderWithALineThatIsTooLongFailsOnWishAtOnce) {
+    m_bJoinHeader = true;
+    m_folder.Put("f.dat", "held");
+    EXPECT_EQ(TransferOf({std::string(65, 'n'), "\n\n"}), EGetFile::kFailed);
+    EXPECT_EQ(m_sock.m_asked.size(), 1u);
+    EXPECT_EQ(m_folder.Get("f.dat"), "held");
+}
+
+TEST_F(DownFileBody, PiecesOfAHeaderCountForTheAcknowledgement) {
+    m_bJoinHeader = true;
+    const std::string strHeader = "Size:30000\r\nHello:Yes\r\n\r\n";
+    const std::string strBody = Pattern(0x30000);
+    EXPECT_EQ(TransferOf({strHeader.substr(0, 3), strHeader.substr(3), strBody}),
+              EGetFile::kWritten);
+    EXPECT_EQ(AckCounts(m_sock, '4'), (std::vector<unsigned long>{131072}));
+    EXPECT_EQ(m_folder.Get("f.dat"), strBody);
+}
+
 TEST_F(DownFileBody, TimesFrom2038OnAreStamped) {
     PutAged("probe", "", static_cast<time_t>(0x90000000u));
     if (m_folder.Stat("probe").st_mtime != static_cast<time_t>(0x90000000u))

@@ -68,8 +68,8 @@ class CDownFileTest : public ::testing::Test {
   protected:
     EGetFile Transfer(const char* szName = "f.dat", unsigned long mtime = 0,
                       unsigned long size = 0) {
-        return TransferFile(szName, m_sock, '4', m_folder.Path(), mtime, size, &m_progress,
-                            nullptr);
+        return TransferFile(szName, m_sock, '4', m_folder.Path(), mtime, size, &m_progress, nullptr,
+                            m_bJoinHeader);
     }
     // With these receives.
     EGetFile TransferOf(std::deque<std::string> script) {
@@ -92,6 +92,7 @@ class CDownFileTest : public ::testing::Test {
     CTempFolder m_folder;
     CScriptedSocket m_sock;
     CProgress m_progress;
+    bool m_bJoinHeader = false;
 };
 
 // The counts that the acknowledgements carry; their form is checked on the way.

@@ -278,6 +278,27 @@ TEST(Header, CutBeforeItsBlankLineIsReadAsFarAsItGoes) {
     EXPECT_FALSE(fi.bGZ);  // a line without its end is none
 }
 
+TEST(Header, IsWholeOnceItsBlankLineIsThere) {
+    const auto isWhole = [](const std::string& strBytes) {
+        SCFileInfo fi;
+        bool bWhole = false;
+        GetFileInfoByBuf(strBytes.data(), static_cast<int>(strBytes.size()), fi, &bWhole);
+        return bWhole;
+    };
+    for (const std::string strHeader :
+         {"Size:6\r\nGZ:Yes\r\n\r\n", "Size:6\n\n", "\n", "Size:6\r\n \t\r\n", "Exist:No\n:x\n"}) {
+        for (size_t n = 0; n < strHeader.size(); ++n) {
+            EXPECT_FALSE(isWhole(strHeader.substr(0, n))) << n << " of " << strHeader;
+        }
+        EXPECT_TRUE(isWhole(strHeader)) << strHeader;
+        EXPECT_TRUE(isWhole(strHeader + "body")) << strHeader;
+        EXPECT_TRUE(isWhole(strHeader + "body\n")) << strHeader;
+    }
+    EXPECT_TRUE(isWhole(std::string(63, 'n') + ":v\n\n"));
+    EXPECT_FALSE(isWhole(std::string(64, 'n') + ":v\n\n"));
+    EXPECT_FALSE(isWhole("n:" + std::string(256, 'v') + "\n\n"));
+}
+
 TEST(Header, EveryPrefixIsReadWithoutASlip) {
     const std::string strHeader = "Size:A\r\nHello:Yes\r\nFileName:a:b\r\n\r\n";
     for (size_t n = 0; n < strHeader.size(); ++n) {

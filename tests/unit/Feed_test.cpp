@@ -6,10 +6,15 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <atomic>
+#include <deque>
+#include <map>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "ProcessState.h"
@@ -244,6 +249,102 @@ TEST_F(Feed, AlarmsAloneDropTheOldest) {
     for (unsigned i = 0; i < 5; ++i) Alarm(feed, i);
     EXPECT_EQ(feed.Dropped(), 3u);
     EXPECT_EQ(Taken(feed), (Texts{"alarm 3", "alarm 4"}));
+}
+
+// A walk over a full feed costs as much as the feed is long, so there must not be one for each
+// push.
+TEST_F(Feed, FeedFullOfAlarmsMakesRoomForASixteenthAtATime) {
+    CFeed feed(1600, EOverflow::kLatest);
+    for (size_t i = 0; i < 10; ++i) Change(feed, i, 5);
+    for (unsigned i = 0; i < 1590; ++i) Alarm(feed, i);
+    EXPECT_EQ(feed.Dropped(), 0u);
+    int nWalks = 0;
+    for (unsigned i = 1590; i < 11590; ++i) {
+        const uint64_t nBefore = feed.Dropped();
+        Alarm(feed, i);
+        if (feed.Dropped() == nBefore) continue;
+        ++nWalks;
+        EXPECT_EQ(feed.Dropped() - nBefore, 100u);
+        EXPECT_EQ(feed.Size(), 1501u);
+    }
+    EXPECT_EQ(nWalks, 100);
+    EXPECT_EQ(feed.Size(), 1600u);
+    const Texts said = Taken(feed, 2000);
+    ASSERT_EQ(said.size(), 1600u);
+    EXPECT_EQ(said[0], "0=5");
+    EXPECT_EQ(said[9], "9=5");
+    EXPECT_EQ(said[10], "alarm 10000");
+    EXPECT_EQ(said.back(), "alarm 11589");
+}
+
+TEST_F(Feed, RoomThatIsMadeIsOneEventAtLeast) {
+    for (const size_t nCapacity : {1u, 16u, 31u, 32u, 47u, 48u}) {
+        CFeed feed(nCapacity, EOverflow::kLatest);
+        for (unsigned i = 0; i <= nCapacity; ++i) Alarm(feed, i);
+        EXPECT_EQ(feed.Dropped(), std::max<size_t>(nCapacity / 16, 1)) << nCapacity;
+    }
+}
+
+// What a feed must hold, whatever came in which order and was taken when: of each tag and token the
+// newest value, and of all else the newest without a gap.
+TEST_F(Feed, LatestHoldsTheNewestInAnyOrderOfEvents) {
+    std::mt19937 random(7);
+    const auto below = [&](size_t n) { return random() % n; };
+    for (int nRound = 0; nRound < 200; ++nRound) {
+        const size_t nCapacity = 1 + below(80);
+        const size_t nTags = 1 + below(10);
+        const size_t nAlarmsIn10 = below(11);
+        CFeed feed(nCapacity, EOverflow::kLatest);
+        std::deque<std::string> alarms;                     // not taken, oldest first
+        std::map<std::pair<size_t, uint32_t>, int> newest;  // not taken
+        uint64_t nPushed = 0;
+        uint64_t nTaken = 0;
+        const auto take = [&](size_t nMax) {
+            std::vector<SEvent> events;
+            feed.Take(events, nMax);
+            nTaken += events.size();
+            bool bFirst = true;
+            for (const SEvent& event : events) {
+                const std::string str = Said(event, tags);
+                if (event.eKind == EKind::kAlarm) {
+                    // Those before the first one have been displaced.
+                    while (bFirst && !alarms.empty() && alarms.front() != str) alarms.pop_front();
+                    bFirst = false;
+                    ASSERT_FALSE(alarms.empty());
+                    ASSERT_EQ(alarms.front(), str);
+                    alarms.pop_front();
+                    continue;
+                }
+                const auto it = newest.find({std::stoul(str), event.nToken});
+                if (it != newest.end() && it->second == event.value.lVal) newest.erase(it);
+            }
+        };
+        for (int i = 0; i < 1000; ++i, ++nPushed) {
+            const bool bFits = feed.Size() < nCapacity;
+            const uint64_t nDropped = feed.Dropped();
+            if (below(10) < nAlarmsIn10) {
+                Alarm(feed, static_cast<unsigned>(i));
+                alarms.push_back("alarm " + std::to_string(i));
+            } else {
+                const size_t nTag = below(nTags);
+                const uint32_t nToken = static_cast<uint32_t>(below(2));
+                Change(feed, nTag, i, nToken);
+                newest[{nTag, nToken}] = i;
+            }
+            if (bFits) {
+                ASSERT_EQ(feed.Dropped(), nDropped);
+            }
+            const size_t nMost = std::max(nCapacity, 4 * nTags);
+            ASSERT_LE(feed.Size(), nMost);
+            if (below(50) == 0) take(below(nCapacity));
+            ASSERT_EQ(feed.Size() + feed.Dropped() + nTaken, nPushed + 1);
+            if (::testing::Test::HasFatalFailure()) return;
+        }
+        take(10000);
+        if (::testing::Test::HasFatalFailure()) return;
+        EXPECT_TRUE(newest.empty());
+        EXPECT_TRUE(alarms.empty());
+    }
 }
 
 TEST_F(Feed, FeedThatWasEmptiedHasItsCapacityAgain) {

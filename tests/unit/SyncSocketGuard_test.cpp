@@ -28,6 +28,7 @@ class CNotingGuard final : public CSocketGuard {
         pollfd fd{hSocket, nEvents, 0};
         return poll(&fd, 1, 20000) == 1;
     }
+    bool WaitOn() override { return false; }
     void Passed(bool bSent, const void* pData, size_t nLen) override {
         (bSent ? strSent : strReceived).append(static_cast<const char*>(pData), nLen);
     }

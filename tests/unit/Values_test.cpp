@@ -286,10 +286,55 @@ TEST_F(Values, RealsAreSentAsTheyAre) {
         EXPECT_EQ(Sent(vt, "True"), Hex("05 00 00 00 00 00 00 00 F0 3F"));
         EXPECT_EQ(Sent(vt, "float('inf')"), Hex("05 00 00 00 00 00 00 00 F0 7F"));
         EXPECT_EQ(Sent(vt, "float('nan')"), Hex("05 00 00 00 00 00 00 00 F8 7F"));
-        EXPECT_EQ(Sent(vt, "2**53+1"), kInexact);
-        EXPECT_EQ(Sent(vt, "2**63"), kRange);
+        EXPECT_EQ(Sent(vt, "2**70"), Hex("05 00 00 00 00 00 00 00 50 44"));
+        EXPECT_EQ(Sent(vt, "-2**70"), Hex("05 00 00 00 00 00 00 00 50 C4"));
+        EXPECT_EQ(Sent(vt, "2**70+1"), kInexact);
+        EXPECT_EQ(Sent(vt, "-2**70-1"), kInexact);
+        EXPECT_EQ(Sent(vt, "2**1024"), kRange);
+        EXPECT_EQ(Sent(vt, "-2**1024"), kRange);
+        EXPECT_EQ(Sent(vt, "10**400"), kRange);
         EXPECT_EQ(Sent(vt, "'2.5'"), "! the tag holds numbers");
     }
+}
+
+TEST_F(Values, WholeNumberOfARealTagIsSentWhenTheTagHoldsItExactly) {
+    EXPECT_EQ(Sent(VT_R8, "2**53"), Hex("05 00 00 00 00 00 00 00 40 43"));
+    EXPECT_EQ(Sent(VT_R8, "-2**53"), Hex("05 00 00 00 00 00 00 00 40 C3"));
+    EXPECT_EQ(Sent(VT_R8, "2**53+1"), kInexact);
+    EXPECT_EQ(Sent(VT_R8, "-2**53-1"), kInexact);
+    EXPECT_EQ(Sent(VT_R8, "2**53+2"), Hex("05 00 01 00 00 00 00 00 40 43"));
+    EXPECT_EQ(Sent(VT_R8, "2**63"), Hex("05 00 00 00 00 00 00 00 E0 43"));
+    EXPECT_EQ(Sent(VT_R8, "2**63-1"), kInexact);
+    EXPECT_EQ(Sent(VT_R8, "2**1023"), Hex("05 00 00 00 00 00 00 00 E0 7F"));
+    EXPECT_EQ(Sent(VT_R8, "-2**1023"), Hex("05 00 00 00 00 00 00 00 E0 FF"));
+    EXPECT_EQ(Sent(VT_R8, "2**1024-2**971"), Hex("05 00 FF FF FF FF FF FF EF 7F"));
+    EXPECT_EQ(Sent(VT_R8, "2**1024-2**971+1"), kInexact);
+}
+
+TEST_F(Values, WholeNumberOfAShortRealTagIsSentWhenTheTagHoldsItExactly) {
+    const std::string kUnheld = "! too large for the tag to hold exactly";
+    EXPECT_EQ(Sent(VT_R4, "2**24"), Hex("05 00 00 00 00 00 00 00 70 41"));
+    EXPECT_EQ(Sent(VT_R4, "-2**24"), Hex("05 00 00 00 00 00 00 00 70 C1"));
+    EXPECT_EQ(Sent(VT_R4, "2**24+1"), kUnheld);
+    EXPECT_EQ(Sent(VT_R4, "-2**24-1"), kUnheld);
+    EXPECT_EQ(Sent(VT_R4, "2**24+2"), Hex("05 00 00 00 00 20 00 00 70 41"));
+    EXPECT_EQ(Sent(VT_R4, "2**24+1.0"), Hex("05 00 00 00 00 10 00 00 70 41"));
+    EXPECT_EQ(Sent(VT_R4, "2**127"), Hex("05 00 00 00 00 00 00 00 E0 47"));
+    EXPECT_EQ(Sent(VT_R4, "-2**127"), Hex("05 00 00 00 00 00 00 00 E0 C7"));
+    EXPECT_EQ(Sent(VT_R4, "2**128-2**104"), Hex("05 00 00 00 00 E0 FF FF EF 47"));
+    EXPECT_EQ(Sent(VT_R4, "2**128-2**104+2**80"), kRange);
+    EXPECT_EQ(Sent(VT_R4, "2**128"), kRange);
+    EXPECT_EQ(Sent(VT_R4, "-2**128"), kRange);
+}
+
+TEST_F(Values, ComparisonsOfAnIntsOwnClassAreNotAsked) {
+    RunScript(
+        "class Liar(int):\n"
+        "    def __eq__(self, other): raise KeyError('x')\n"
+        "    __hash__ = int.__hash__\n"
+        "    def __float__(self): return 1.5\n");
+    EXPECT_EQ(Sent(VT_R8, "Liar(2**70)"), Hex("05 00 00 00 00 00 00 00 50 44"));
+    EXPECT_EQ(Sent(VT_R8, "Liar(2**70+1)"), kInexact);
 }
 
 TEST_F(Values, ShortRealTakesWhatItCanHold) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <type_traits>
 
+#include "SyncSocket.h"
 #include "TempFolder.h"
 
 namespace {
@@ -260,6 +261,34 @@ TEST_F(XFileTest, ReadersShareALock) {
     EXPECT_TRUE(m_file.Lock(false, 0));
     EXPECT_TRUE(other.Lock(false, 0));
     EXPECT_FALSE(other.Lock(true, 0));
+}
+
+// Lets a wait go on a number of times.
+class CCountingGuard final : public CSocketGuard {
+  public:
+    explicit CCountingGuard(int nTimes) : nLeft(nTimes) {}
+    bool MayWait() override { return false; }
+    bool Await(SOCKET, short) override { return false; }
+    bool WaitOn() override { return nLeft-- > 0; }
+    void Passed(bool, const void*, size_t) override {}
+
+    int nLeft;
+};
+
+TEST_F(XFileTest, AGuardDecidesHowLongALockIsWaitedFor) {
+    XFile other;
+    ASSERT_TRUE(Open("a", O_WRONLY | O_CREAT));
+    ASSERT_TRUE(other.OpenA(Path("a").c_str(), O_RDONLY));
+    CCountingGuard guard(3);
+    EXPECT_TRUE(m_file.Lock(true, 0, &guard));
+    EXPECT_EQ(guard.nLeft, 3) << "asked without a wait";
+    EXPECT_FALSE(other.Lock(false, 0, &guard));
+    EXPECT_EQ(guard.nLeft, -1);
+    EXPECT_FALSE(other.Lock(false, 1000000, &guard));
+    EXPECT_EQ(guard.nLeft, -2);
+    m_file.Close();
+    EXPECT_TRUE(other.Lock(false, 0, &guard));
+    EXPECT_EQ(guard.nLeft, -2);
 }
 
 TEST_F(XFileTest, AnUnfinishedFileIsKnownByItsMark) {
