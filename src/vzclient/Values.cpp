@@ -36,7 +36,7 @@ PyObject* LocalToPy(const tm& local, int nUs) {
 
 // The real number of these bits, which are the low ones.
 template <typename T>
-T RealOf(uint64_t nBits) {
+T FromBits(uint64_t nBits) {
     T f;
     std::memcpy(&f, &nBits, sizeof f);
     return f;
@@ -72,11 +72,11 @@ PyObject* NumberToPy(VARTYPE vt, uint64_t nBits) {
         case VT_UINT:
             return PyLong_FromUnsignedLong(static_cast<uint32_t>(nBits));
         case VT_R4:
-            return PyFloat_FromDouble(static_cast<double>(RealOf<float>(nBits)));
+            return PyFloat_FromDouble(static_cast<double>(FromBits<float>(nBits)));
         case VT_R8:
-            return PyFloat_FromDouble(RealOf<double>(nBits));
+            return PyFloat_FromDouble(FromBits<double>(nBits));
         case VT_DATE:
-            return DateToPy(RealOf<double>(nBits));
+            return DateToPy(FromBits<double>(nBits));
         case VT_BOOL:
             return PyBool_FromLong(static_cast<uint8_t>(nBits));
         case VT_I1:
