@@ -94,7 +94,10 @@ size_t CFeed::Size() const {
 
 void CFeed::MakeRoom() {
     if (m_eOverflow == EOverflow::kLatest) return KeepNewest();
-    m_events.pop_front();
+    const auto it = std::find_if(m_events.begin(), m_events.end(), [](const SEvent& event) {
+        return event.eKind != SEvent::EKind::kNews;
+    });
+    m_events.erase(it == m_events.end() ? m_events.begin() : it);
     ++m_nDropped;
 }
 

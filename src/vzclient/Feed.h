@@ -81,7 +81,7 @@ class CFeed {
         // A full feed keeps of each tag the newest value; of all else the oldest go, until a
         // sixteenth of the feed is free.
         kLatest,
-        kOldest  // the oldest event goes
+        kOldest  // the oldest event goes, news only when there is nothing else
     };
 
     // nCapacity: events, at least 1. Throws std::bad_alloc when there is no descriptor to be had.

@@ -157,6 +157,16 @@ TEST_F(Feed, OldestDropsTheOldestForOneMoreWhateverItIs) {
     EXPECT_EQ(Taken(feed), (Texts{"0=1", "0=2", "alarm 2"}));
 }
 
+TEST_F(Feed, OldestDropsNewsOnlyWhenThereIsNothingElse) {
+    CFeed feed(3, EOverflow::kOldest);
+    feed.PushNews("lost");
+    for (int i = 0; i < 5; ++i) Change(feed, 0, i);
+    feed.PushNews("live");
+    EXPECT_EQ(Taken(feed), (Texts{"lost", "0=4", "live"}));
+    for (const char* sz : {"a", "b", "c", "d"}) feed.PushNews(sz);
+    EXPECT_EQ(Taken(feed), (Texts{"b", "c", "d"}));
+}
+
 TEST_F(Feed, CapacityOfNoneIsOne) {
     CFeed feed(0, EOverflow::kOldest);
     Change(feed, 0, 1);
