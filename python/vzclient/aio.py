@@ -14,6 +14,7 @@ whose time limit passes, ends for its caller at once; what the server answers to
 
 import asyncio
 import collections
+import os
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
@@ -24,7 +25,7 @@ from . import driver as _driver
 from . import plant as _plant
 from . import watches as _watches
 from .alarms import Alarm
-from .errors import ConnectionLost, VzTimeoutError
+from .errors import ConnectionLost, VzError, VzTimeoutError
 from .types import Change, Rights, State, Stats, Value
 
 __all__ = ["AsyncAlarmWatch", "AsyncDriver", "AsyncPlant", "AsyncSubscription", "AsyncWatch",
@@ -56,6 +57,7 @@ class _Requests:
     def __init__(self, host: str) -> None:
         self._host = host
         self._executor = ThreadPoolExecutor(1, "vzclient-aio")
+        self._process = os.getpid()
         self._closed = False
 
     async def run(self, call: Callable[[float], Result], timeout: float) -> Result:
@@ -64,6 +66,9 @@ class _Requests:
         VzTimeoutError when it is not done within ``timeout`` seconds.
         """
         deadline = time.monotonic() + timeout
+        if os.getpid() != self._process:
+            raise VzError("a request to %s: the plant was connected before a fork; connect anew in "
+                          "the child" % self._host)
         if self._closed:
             raise ConnectionLost("a request to %s: the plant is closed" % self._host)
         future = asyncio.wrap_future(self._executor.submit(
@@ -86,7 +91,8 @@ class connect:
     """Connect to a server; the arguments are those of ``vzclient.connect``.
 
     Awaiting it gives the plant; it is an asynchronous context manager too, which closes the plant.
-    ``on_state`` and ``on_error`` are called on a thread of the plant, not in the loop.
+    ``on_state`` is called on a thread of the plant, not in the loop, and ``on_error`` of what that
+    raises; of what other functions raise ``on_error`` is called in the loop.
     """
 
     def __init__(self, host: str, user: str = "", password: str = "", **arguments: Any) -> None:
@@ -176,10 +182,11 @@ class AsyncPlant:
         return AsyncAlarmWatch(
             self, lambda: self._plant.alarms(existing, None, queue, overflow), timeout)
 
-    async def on_alarm(self, function: Callable[[Alarm], Any],
-                       existing: bool = False) -> "AsyncSubscription":
+    async def on_alarm(self, function: Callable[[Alarm], Any], existing: bool = False,
+                       on_error: Optional[Callable[[BaseException], Any]] = None,
+                       ) -> "AsyncSubscription":
         """Call ``function(alarm)`` in the loop for each alarm; see ``AsyncDriver.on_change``."""
-        return await AsyncSubscription._start(self.alarms(existing), function)
+        return await AsyncSubscription._start(self.alarms(existing), function, on_error)
 
     async def close(self) -> None:
         """End the connection and all watches; more calls do nothing."""
@@ -230,14 +237,15 @@ class AsyncDriver:
             lambda: self._driver.watch(*names, timeout=None, queue=queue, overflow=overflow),
             timeout)
 
-    async def on_change(self, function: Callable[[Change], Any],
-                        *names: str) -> "AsyncSubscription":
+    async def on_change(self, function: Callable[[Change], Any], *names: str,
+                        on_error: Optional[Callable[[BaseException], Any]] = None,
+                        ) -> "AsyncSubscription":
         """Call ``function(change)`` in the loop for each change of these tags.
 
-        What it returns is awaited if it can be. What it raises is given to the loop's exception
-        handler, and delivery goes on.
+        What it returns is awaited if it can be. What it raises is logged, counted and given to
+        ``on_error``, or else to that of ``connect``, here in the loop; and delivery goes on.
         """
-        return await AsyncSubscription._start(self.watch(*names), function)
+        return await AsyncSubscription._start(self.watch(*names), function, on_error)
 
 
 class _AsyncEvents(Generic[Item]):
@@ -251,14 +259,19 @@ class _AsyncEvents(Generic[Item]):
         self._watch = None  # type: Optional[_watches._Events[Item]]
         self._batch = collections.deque()  # type: Deque[Any]
         self._starting = asyncio.Lock()
+        self._closed = False
         self._waiting = []  # type: List[asyncio.Future[None]]
 
     async def _start(self) -> "_watches._Events[Item]":
         async with self._starting:
             if self._watch is None:
+                if self._closed:
+                    raise ConnectionLost("watching %s: the watch is closed" % self._plant.host)
                 watch = await self._plant._requests.run(
                     lambda _: self._make(), self._plant._plant.timeout)
                 self._watch = watch
+                if self._closed:  # meanwhile
+                    watch.close()
                 return watch
         return self._watch
 
@@ -279,6 +292,7 @@ class _AsyncEvents(Generic[Item]):
         raise ConnectionLost("waiting for an event of %s: the watch is closed" % self._plant.host)
 
     async def _fill(self, watch: "_watches._Events[Item]", timeout: Optional[float]) -> bool:
+        watch._plant._check_process()
         deadline = None if timeout is None else time.monotonic() + timeout
         if not self._batch:  # other tasks have their turn, however many events are there
             await asyncio.sleep(0)
@@ -322,6 +336,7 @@ class _AsyncEvents(Generic[Item]):
 
     async def close(self) -> None:
         """End the watch."""
+        self._closed = True
         if self._watch is not None:
             self._watch.close()
             self._batch.clear()
@@ -337,40 +352,54 @@ class _AsyncEvents(Generic[Item]):
 class AsyncWatch(_AsyncEvents[Change]):
     """Changes of tags, from ``AsyncDriver.watch``."""
 
+    async def __aenter__(self) -> "AsyncWatch":
+        await self._start()
+        return self
+
 
 class AsyncAlarmWatch(_AsyncEvents[Alarm]):
     """Alarms, from ``AsyncPlant.alarms``."""
+
+    async def __aenter__(self) -> "AsyncAlarmWatch":
+        await self._start()
+        return self
 
 
 class AsyncSubscription:
     """A function that is called in the loop for events."""
 
-    def __init__(self, events: Union[AsyncWatch, AsyncAlarmWatch],
-                 function: Callable[[Any], Any]) -> None:
+    def __init__(self, events: Union[AsyncWatch, AsyncAlarmWatch], function: Callable[[Any], Any],
+                 on_error: Optional[Callable[[BaseException], Any]]) -> None:
+        if not callable(function):
+            raise TypeError("a subscription calls a function, %r is none" % (function,))
         self._events = events
         self._function = function
+        self._on_error = on_error
         self._task = None  # type: Optional[asyncio.Task[None]]
 
     @classmethod
     async def _start(cls, events: Union[AsyncWatch, AsyncAlarmWatch],
-                     function: Callable[[Any], Any]) -> "AsyncSubscription":
-        subscription = cls(events, function)
+                     function: Callable[[Any], Any],
+                     on_error: Optional[Callable[[BaseException], Any]]) -> "AsyncSubscription":
+        subscription = cls(events, function, on_error)
         await events._start()
         subscription._task = asyncio.get_running_loop().create_task(subscription._run())
         return subscription
 
     async def _run(self) -> None:
-        async for event in self._events:
-            try:
-                result = self._function(event)
-                if isinstance(result, Awaitable):
-                    await result
-            except asyncio.CancelledError:  # an Exception before Python 3.8
-                raise
-            except Exception as error:
-                asyncio.get_running_loop().call_exception_handler({
-                    "message": "a callback of %s raised" % self._events._plant.host,
-                    "exception": error})
+        report = self._events._plant._plant._dispatcher.report
+        try:
+            async for event in self._events:
+                try:
+                    result = self._function(event)
+                    if isinstance(result, Awaitable):
+                        await result
+                except asyncio.CancelledError:  # an Exception before Python 3.8
+                    raise
+                except Exception as error:
+                    report(self._function, self._on_error, error)
+        except ConnectionLost as error:  # and not tried anew
+            report(self._function, self._on_error, error)
 
     @property
     def active(self) -> bool:

@@ -29,6 +29,7 @@ class Dispatcher:
         self._tokens = itertools.count(1)
         self._thread = None  # type: Optional[threading.Thread]
         self.errors = 0
+        self.finishes = False  # calls that wait when the plant is closed are made
 
     def subscribe(self, function: Callable[[Any], Any],
                   on_error: Optional[Callable[[BaseException], Any]]) -> Subscription:
@@ -69,16 +70,21 @@ class Dispatcher:
                 subscription = subscriptions.get(token)
                 if subscription is None:  # cancelled meanwhile
                     continue
+                over = self._plant._closed and not self.finishes
+                if over and subscription is not self._plant._on_state:
+                    continue
                 try:
                     subscription._function(self._plant._alarm(cast(AlarmRecord, event))
                                            if type(event) is tuple else event)
                 except BaseException as error:  # also SystemExit: others wait for their calls
-                    self._report(subscription, error)
+                    self.report(subscription._function, subscription._on_error, error)
 
-    def _report(self, subscription: Subscription, error: BaseException) -> None:
+    def report(self, function: Callable[[Any], Any],
+               on_error: Optional[Callable[[BaseException], Any]], error: BaseException) -> None:
+        """Log, count and pass on what a callback raised; called while that is handled."""
         self.errors += 1
-        _log.exception("the callback %r of %s raised", subscription._function, self._plant.host)
-        on_error = subscription._on_error or self._on_error
+        _log.exception("the callback %r of %s raised", function, self._plant.host)
+        on_error = on_error or self._on_error
         if on_error is None:
             return
         try:

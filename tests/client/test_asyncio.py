@@ -136,18 +136,65 @@ def test_alarms_call_functions(aio, sim):
                "return seen[0].level") == 7
 
 
-def test_an_error_of_a_callback_is_given_to_the_loop_and_delivery_goes_on(aio):
+def test_an_error_of_a_callback_is_counted_and_told_and_delivery_goes_on(aio):
     assert aio("told, seen = [], []\n"
-               "asyncio.get_running_loop().set_exception_handler(\n"
-               "    lambda loop, context: told.append(repr(context['exception'])))\n"
                "def fail(change):\n"
                "    seen.append(change.value)\n"
                "    raise ValueError('mine')\n"
-               "subscription = await line.on_change(fail, 'a')\n"
+               "subscription = await line.on_change(fail, 'a',"
+               " on_error=lambda error: told.append(repr(error)))\n"
                "await line.write({'a': 5})\n"
                "await auntil(lambda: len(seen) == 2)\n"
-               "return seen, told, subscription.active") == (
-        [1, 5], ["ValueError('mine')"] * 2, True)
+               "return seen, told, subscription.active, plant.stats.callback_errors") == (
+        [1, 5], ["ValueError('mine')"] * 2, True, 2)
+
+
+def test_an_error_of_a_callback_goes_to_the_plants_on_error_when_it_has_none(client):
+    client(RUN)
+    client("told = []\n"
+           "async def main():\n"
+           "    async with start(on_error=told.append) as plant:\n"
+           "        await plant['line1'].on_change(lambda change: 1 / 0, 'a')\n"
+           "        await auntil(lambda: told)")
+    client("asyncio.run(main())")
+    assert client("type(told[0]).__name__") == "ZeroDivisionError"
+
+
+def test_a_connection_that_is_not_tried_anew_ends_subscriptions_with_an_error(client, sim):
+    client(RUN)
+    client("told = []\n"
+           "async def main():\n"
+           "    async with start(reconnect=False) as plant:\n"
+           "        s = await plant['line1'].on_change(note([]), 'a', on_error=told.append)\n"
+           "        await aerror_of(plant['line1'].read('nothing'))  # once that is watched\n"
+           "        await auntil(lambda: told)\n"
+           "        return s.active")
+    client.start("asyncio.run(main())")
+    sim.wait_requests(2, codes="L")
+    sim.drop_clients()
+    assert client.result() is False
+    assert client("type(told[0]).__name__") == "ConnectionLost"
+
+
+def test_a_subscription_calls_a_function(aio):
+    assert aio("return await aerror_of(line.on_change(None, 'a'))") == "TypeError"
+
+
+@pytest.mark.parametrize("use", ["watch.get(LIMIT)", "watch.__anext__()"])
+def test_a_watch_that_was_closed_before_it_was_used_stays_closed(aio, sim, use):
+    assert aio("watch = line.watch('a')\n"
+               "await watch.close()\n"
+               "return await aerror_of(%s)" % use) == "ConnectionLost"
+    assert sim.requests(codes="b") == []
+
+
+def test_a_watch_that_is_closed_while_it_starts_is_closed(aio, sim):
+    sim.fault("b", "delay", seconds=0.2)
+    assert aio("watch = line.watch('a')\n"
+               "waiting = asyncio.ensure_future(watch.get(LIMIT))\n"
+               "await asyncio.sleep(0.05)\n"
+               "await watch.close()\n"
+               "return await aerror_of(waiting)") == "ConnectionLost"
 
 
 def test_a_cancelled_subscription_calls_no_more(aio):

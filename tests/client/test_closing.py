@@ -29,6 +29,29 @@ def test_close_closes_the_connections(connected):
     assert connected("sockets()") == 0
 
 
+def test_close_ends_the_calls_that_wait_but_for_those_of_states(client):
+    client("states, calls, entered, gate = [], [], threading.Event(), threading.Event()\n"
+           "plant = connect(on_state=lambda state: states.append(state.name))\n"
+           "def stuck(change):\n"
+           "    calls.append(change.tag)\n"
+           "    entered.set()\n"
+           "    gate.wait(LIMIT)\n"
+           "subscription = plant['line1'].on_change(stuck, 'a', 'b', 'c')\n"
+           "entered.wait(LIMIT)\nclosing = Thread(plant.close)\n"
+           "until(lambda: plant.state.name == 'closed')\ngate.set()\nclosing.result()")
+    assert client("calls, states") == (["a"], ["live", "closed"])
+
+
+def test_close_within_a_callback_ends_the_calls_that_wait(connected):
+    connected("calls = []\n"
+              "def once(change):\n"
+              "    calls.append(change.tag)\n"
+              "    plant.close()\n"
+              "subscription = line.on_change(once, 'a', 'b', 'c')\n"
+              "until(lambda: threads() == 1)")
+    assert connected("calls") == ["a"]
+
+
 def test_close_ends_all_threads(connect):
     client = connect("on_state=lambda state: None")
     client("subscription = line.on_change(lambda change: None, 'a')")

@@ -71,6 +71,30 @@ def test_every_use_is_an_error_that_tells_what_to_do(in_child, call):
     assert said.startswith("VzError ") and said.endswith("connect anew in the child")
 
 
+@pytest.mark.parametrize("call", ["line.read('a')", "watch.get(LIMIT)", "line.watch('b').get()"])
+def test_every_use_of_a_plant_of_asyncio_is_an_error_too(sim, call):
+    said = run(PRELUDE + """
+host = sys.argv[1]
+async def main():
+    plant = await vzclient.aio.connect(host, "operator", "password", timeout=LIMIT)
+    line = plant["line1"]
+    watch = line.watch("a")
+    await watch.get(LIMIT)
+    if os.fork() == 0:
+        try:
+            print(await eval(sys.argv[2]))
+        except vzclient.VzError as error:
+            print(type(error).__name__, error)
+        sys.stdout.flush()
+        os._exit(0)
+    os.wait()
+    await plant.close()
+asyncio.run(main())
+""", host_of(sim), call)
+    assert said.returncode == 0 and said.stdout.startswith("VzError "), said.stderr
+    assert said.stdout.endswith("connect anew in the child\n")
+
+
 @pytest.mark.parametrize("call", ["plant.close()", "watch.close()", "subscription.cancel()"])
 def test_ending_something_does_nothing(in_child, call):
     assert in_child(call) == "None"
