@@ -42,6 +42,10 @@ class Driver:
     def __repr__(self) -> str:
         return "<Driver %r of %s>" % (self._name, self._plant.host)
 
+    # The names of tags are the server's: none can be gone through, nor looked for without asking.
+    __iter__ = None
+    __contains__ = None
+
     def __getitem__(self, name: str) -> Value:
         """Read one tag from the server."""
         try:
@@ -79,11 +83,15 @@ class Driver:
 
         The server does not acknowledge writes: read the tag to see what became of one.
         """
+        self._write(values, timeout, True)
+
+    def _write(self, values: Mapping[str, Value], timeout: Optional[float], send: bool) -> None:
+        """Write tags, or without ``send`` only check whether that can be done."""
         self._check_rights()
         names = tuple(values)
         try:
             self._native.write(names, tuple(values[name] for name in names),
-                               self._timeout if timeout is None else timeout)
+                               self._timeout if timeout is None else timeout, send)
         except _vzclient.Failure as failure:
             raise self._plant._error(failure, "writing %s" % _some(names), self) from None
 

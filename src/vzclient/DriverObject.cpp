@@ -284,8 +284,9 @@ PyObject* DriverWrite(PyObject* obj, PyObject* args) {
     PyObject* names;
     PyObject* values;
     double fTimeout;
-    if (!PyArg_ParseTuple(args, "O!O!d", &PyTuple_Type, &names, &PyTuple_Type, &values,
-                          &fTimeout)) {
+    int bSend = 1;
+    if (!PyArg_ParseTuple(args, "O!O!d|p", &PyTuple_Type, &names, &PyTuple_Type, &values, &fTimeout,
+                          &bSend)) {
         return nullptr;
     }
     const Py_ssize_t nNames = PyTuple_GET_SIZE(names);
@@ -316,6 +317,7 @@ PyObject* DriverWrite(PyObject* obj, PyObject* args) {
                             Py_BuildValue("(Os)", PyTuple_GET_ITEM(names, nPlace), szWhy));
             }
         }
+        if (!bSend) Py_RETURN_NONE;
         CPatience::EEnd eEnd;
         const CSession::EResult eResult = Operate(
             *pSession, nDeadlineNs, eEnd,

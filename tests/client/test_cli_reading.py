@@ -98,6 +98,15 @@ def test_many_tags_are_written_at_once(sim, vz):
     assert len(sim.requests(codes="g")) == 1
 
 
+@pytest.mark.parametrize("more", [(), ("--dry-run",)])
+def test_what_cannot_be_written_is_told_by_a_dry_run_too(sim, vz, more):
+    code, out, err = vz("write", "line1", "a=99999999999", *more)
+    assert (code, out) == (1, "") and "range" in err
+    code, out, err = vz("write", "line1", "a=" + "9" * 5000, *more)
+    assert code == 1 and "takes a number" in err and len(err.splitlines()) == 1
+    assert sim.requests(codes="g") == []
+
+
 def test_a_dry_run_shows_and_does_not_write(sim, vz):
     done = vz("write", "line1", "--dry-run", "a=7", "bool=false", "date=2024-05-17T06:00:00Z")
     assert done == (0, ("tag   present              new\n"

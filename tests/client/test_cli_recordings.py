@@ -173,6 +173,7 @@ def test_a_recording_that_cannot_begin_leaves_no_file(sim, vz, tmp_path):
     code, _, err = vz("record", "/nowhere/tape.db", "line1", "a")
     assert (code, err) == (1, "vzclient: /nowhere/tape.db: unable to open database file\n")
     assert vz("record", path, "line1", "nothing").code == 4
+    assert not os.path.exists(path)
 
 
 def test_a_file_of_something_else_is_left_alone(vz, tmp_path):
@@ -267,6 +268,25 @@ def test_a_replay_raises_alarms_and_clears_them(simulate, tmp_path):
         assert out == vz("alarms", "--json", "--count", "1").out
         assert json.loads(out)["kind"] == "too high"
         assert len(vz("alarms", "--host", host, "--csv", "--duration", "0.2").out.splitlines()) == 2
+
+
+@pytest.mark.parametrize("year,shown", [(1969, "1970-01-01T00:00:00+00:00"),
+                                        (2107, "2106-02-07T06:28:15+00:00")])
+def test_an_alarm_of_a_time_that_the_wire_has_not_is_played_as_of_the_nearest(
+        tmp_path, year, shown):
+    path = str(tmp_path / "tape.csv")
+    recorder = Recorder(path)
+    begun = datetime.datetime(2024, 5, 17, 9, 30, tzinfo=datetime.timezone.utc)
+    alarm = datetime.datetime(year, 12, 31, tzinfo=datetime.timezone.utc)
+    recorder.write(Row(begun, "alarm", None, "t", "float", 1.0, False, alarm, None, "high", "g", 1,
+                       2.0, 1))
+    recorder.close()
+    vz = Command(VZCLIENT_USER="operator", VZCLIENT_PASSWORD="password", TZ="UTC")
+    with vz.start("replay", path, "--port", "0", "--speed", "1e9") as running:
+        host = listening(running)
+        running.read_line()
+        out = vz("alarms", "--host", host, "--json", "--count", "1").out
+    assert json.loads(out)["time"] == shown
 
 
 def test_files_of_a_recording_are_played_in_their_order(sim, vz, tmp_path):

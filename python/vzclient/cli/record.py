@@ -43,12 +43,13 @@ def _record(options: Options, wanted: Dict[str, Tuple[str, ...]], recorder: Reco
     tape = _Tape(recorder, ending)
     with connected(options, on_state=tape.state, queue=_QUEUE, overflow="oldest") as plant:
         ending.take()
-        recorder.open()
+        plant._dispatcher.finishes = True
         try:
             for driver, tags in wanted.items():
                 plant[driver].on_change(tape.change, *tags)
             if options.alarms:
                 plant.on_alarm(tape.alarm, existing=True)
+            recorder.open()
             _run(options, plant, tape, ending)
         finally:
             plant.close()

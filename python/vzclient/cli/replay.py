@@ -169,7 +169,8 @@ class _Recorded:
 
 
 def _seconds(moment: datetime.datetime) -> int:
-    return int(moment.timestamp())
+    """The time of an alarm as the wire has it, which has none before 1970 or after 2106."""
+    return min(max(int(moment.timestamp()), 0), 0xFFFFFFFF)
 
 
 def _list_file(texts: Dict[str, int]) -> bytes:

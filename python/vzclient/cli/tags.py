@@ -56,6 +56,7 @@ def write(options: Options) -> int:
         before = driver.read(*texts)
         values = {tag: parse_value(tag, text, before[tag]) for tag, text in texts.items()}
         if options.dry_run:
+            driver._write(values, None, False)
             _show(options, before, values)
         else:
             _write(driver, values)
@@ -116,9 +117,9 @@ def _truth(text: str) -> Optional[bool]:
 
 
 def _number(text: str) -> Union[None, int, float]:
-    if _WHOLE.match(text):
-        return int(text)
     try:
+        if _WHOLE.match(text):
+            return int(text)
         return None if "_" in text else float(text)
     except ValueError:
         return None
