@@ -10,8 +10,8 @@ import time
 import weakref
 from datetime import datetime
 from types import MappingProxyType
-from typing import (TYPE_CHECKING, Any, Callable, Deque, Dict, List, Mapping, Optional, Tuple,
-                    Union, cast)
+from typing import (TYPE_CHECKING, Any, Callable, Deque, Dict, Iterator, List, Mapping, Optional,
+                    Tuple, Union, cast)
 
 import _vzclient
 
@@ -50,7 +50,7 @@ def connect(host: str, user: str = "", password: str = "", *, timeout: float = 5
     ``reconnect``: when the connection is lost, make it anew, after ``backoff[0]`` seconds at first
     and at most ``backoff[1]``, and renew all subscriptions. ``heartbeat``: after so many seconds
     of silence the server is asked for a sign of life. ``on_state(state)`` is told of every change
-    of ``plant.state``.
+    of the name of ``plant.state``. A plant lasts until it is closed or the process ends.
 
     Functions given to ``on_state``, ``on_change`` and ``on_alarm`` are called on one thread of the
     plant; ``on_error(exception)`` is told what they raise. ``queue`` and ``overflow`` are for the
@@ -98,6 +98,7 @@ class Plant:
         self._closed = False
         self._lost_for_good = ""
         self._state = State("connecting", _now(), None, "")
+        self._lost_since = None  # type: Optional[datetime]
         self._on_state = None  # type: Optional[Subscription]
         self._state_numbers = itertools.count()
         self._states = collections.deque()  # type: Deque[Tuple[str, State]]  # on their way
@@ -150,6 +151,14 @@ class Plant:
             raise UnknownDriver("%s has no driver %r in its project %r; it has %s"
                                 % (self.host, name, self.project, _list(self._drivers)),
                                 (name,)) from None
+
+    def __contains__(self, name: object) -> bool:
+        """Whether there is a driver of that name."""
+        return name in self._drivers
+
+    def __iter__(self) -> Iterator[str]:
+        """The names of the drivers."""
+        return iter(self._drivers)
 
     @property
     def state(self) -> State:
@@ -205,9 +214,10 @@ class Plant:
             self._session.watch_alarms(feed, token, existing, self.timeout)
         except _vzclient.Failure as failure:
             raise self._error(failure, "subscribing to alarms") from None
+        self._texts = None  # that has loaded them anew
 
     def _alarm(self, record: AlarmRecord) -> "Alarm":
-        """The alarm of a record, with the texts of the session that it came from."""
+        """The alarm of a record, with the texts of the present session."""
         from .alarms import Alarm
         time, event_time, tag, kind, group, level, status, value, limit, resynced = record
         texts = self._texts
@@ -222,7 +232,8 @@ class Plant:
     def close(self) -> None:
         """End the connection, all watches and subscriptions; more calls end what Ctrl-C left.
 
-        May be called from anywhere, also within a callback.
+        May be called from anywhere, also within a callback. Callbacks that wait for their call are
+        not called any more, but for that of ``on_state``.
         """
         if self._forked():  # whoever held the lock is not there to give it back
             return
@@ -274,14 +285,7 @@ class Plant:
         self._facts = session.drivers()
         bound = {name: (session.driver(facts[0]), facts[1])
                  for name, facts in self._facts.items()}
-        for name, tags in self._routes.watched().items():
-            gone = tags
-            if name in bound:
-                gone = bound[name][0].watch(self._routes, name, tuple(tags), None, 0, self.timeout)
-            if gone:
-                _log.warning("%s has no more %s of driver %r", self.host, _list(gone), name)
-        if self._routes.alarms_watched():
-            session.watch_alarms(None, 0, True, self.timeout)
+        self._renew(session, {name: native for name, (native, _) in bound.items()})
         with self._lock:
             if self._closed:
                 session.end("closed")
@@ -294,12 +298,27 @@ class Plant:
             self._session = session
             self._drivers = {name: drivers[name] for name in bound}
 
+    def _renew(self, session: _vzclient.Session, drivers: Mapping[str, _vzclient.Driver]) -> None:
+        """Have all that is watched told by a session, beginning with what is so at present."""
+        for name, tags in self._routes.watched().items():
+            gone = tags
+            if name in drivers:
+                gone = drivers[name].watch(self._routes, name, tuple(tags), None, 0, self.timeout)
+            if gone:
+                _log.warning("%s has no more %s of driver %r", self.host, _list(gone), name)
+        if self._routes.alarms_watched():
+            session.watch_alarms(None, 0, True, self.timeout)
+
     def _set_state(self, name: str, reason: str) -> None:
         with self._lock:
             if self._state.name == "closed" or (self._closed and name != "closed"):
                 return
             heard = self._heard() if self._session is not None else None
             since = self._state.since if self._state.name == name else _now()
+            if name == "lost":  # since then, however often it was tried anew
+                since = self._lost_since = self._lost_since or since
+            elif name != "connecting":
+                self._lost_since = None
             changed = self._state.name != name
             self._state = State(name, since, heard, reason)
             if self._on_state is not None and changed:
@@ -358,6 +377,7 @@ class Plant:
         kind, detail = failure.args
         where = "%s%s on %s" % (what, "" if driver is None else " of %r" % driver.name, self.host)
         if kind == "unknown":
+            detail = tuple(dict.fromkeys(detail))
             return UnknownTag("%s: there is no %s; check the names" % (where, _list(detail)),
                               detail)
         if kind == "rejected":

@@ -15,6 +15,7 @@ if TYPE_CHECKING:
     from .plant import Plant
 
 _log = logging.getLogger("vzclient.connection")
+_RENEWAL_PAUSE = 1.0  # seconds, at least, between two
 
 
 class Supervisor:
@@ -66,22 +67,50 @@ class Supervisor:
     def _guard(self) -> str:
         """Wait until the session ends; returns why it did."""
         plant = self._plant
+        loss = False  # of notifications; then all present values are asked for
+        renewed = 0.0
         while True:
             heard = plant._session.heard
-            news = plant._news.take(self._heartbeat, 16)
+            wait = self._heartbeat
+            if loss:
+                wait = min(wait, max(renewed + _RENEWAL_PAUSE - time.monotonic(), 0.0))
+            news = plant._news.take(wait, 16)
             for _, what in news or ():
                 if what == "slow":
                     plant._set_state("stale", "an answer is overdue")
                 elif what == "answered":
                     plant._set_state("live", "")
+                elif what == "loss":
+                    loss = True
                 else:
                     return str(what)
+            if loss:
+                if time.monotonic() >= renewed + _RENEWAL_PAUSE:
+                    loss = not self._renew(first=renewed == 0.0)
+                    renewed = time.monotonic()
+                continue
             # Told by what was heard and not by the clock, which may be set at any time.
             if not news and plant._session.heard == heard:
                 try:
                     plant._session.probe(plant.timeout)
                 except _vzclient.Failure:
                     pass  # it ended the session, which is news, or had no turn, which is none
+
+    def _renew(self, first: bool) -> bool:
+        """Ask for the present values and alarms of a session that lost notifications; whether that
+        was done. One that ended over it has told so."""
+        plant = self._plant
+        _log.log(logging.WARNING if first else logging.DEBUG,
+                 "%s told what cannot be understood; present values are asked for", plant.host)
+        try:
+            plant._renew(plant._session, {name: driver._native
+                                          for name, driver in plant._drivers.items()})
+            return True
+        except _vzclient.Failure:
+            return False
+        except Exception:  # for want of memory
+            _log.exception("asking %s for present values failed", plant.host)
+            return False
 
     def _regain(self) -> bool:
         """Connect anew, however long it takes. False when the plant was closed meanwhile."""

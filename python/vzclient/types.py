@@ -40,9 +40,10 @@ class State:
     """How the connection is.
 
     ``name`` is "connecting", "live", "stale" (connected, but an answer is overdue), "lost" (it is
-    tried anew, unless reconnect is off) or "closed". ``since``: when that began. ``last_heard``:
-    when the server last sent something, None before it ever did. ``reason``: why, where there is
-    something to say. Times are aware datetimes in local time.
+    tried anew, unless reconnect is off) or "closed". ``since``: when that began; a connection is
+    lost since it was live, however often it was tried anew. ``last_heard``: when the server last
+    sent something, None before it ever did. ``reason``: why, where there is something to say.
+    Times are aware datetimes in local time.
     """
 
     __slots__ = ("name", "since", "last_heard", "reason")
@@ -62,7 +63,8 @@ class Stats(NamedTuple):
     """What a plant has seen so far, over all its connections.
 
     ``dropped`` counts events that were displaced in full queues, ``unusable_frames`` the times
-    that received bytes could not be understood, ``bytes_received`` those of notifications.
+    that received bytes could not be understood, and what came with them was lost: then all that is
+    watched is told anew, as resynced. ``bytes_received`` counts those of notifications.
     """
 
     requests: int = 0

@@ -457,7 +457,12 @@ void CSession::Receive() try {
             std::lock_guard<std::mutex> guard(m_pRoutes->m_lock);
             bHeld = m_bHold;
             if (!bHeld) {
+                const uint64_t nUnusable = m_frames.m_nUnusable;
                 const size_t nDone = m_frames.Walk(bytes.data(), nKept, m_nHeardUs);
+                // Told once until all is asked for anew: nothing else is displaced by it.
+                if (m_frames.m_nUnusable != nUnusable && !m_bLossTold.exchange(true)) {
+                    m_pNews->PushNews("loss");
+                }
                 nKept -= nDone;
                 std::memmove(bytes.data(), bytes.data() + nDone, nKept);
             }
@@ -532,6 +537,18 @@ CSession::EResult CSession::LookUp(const SDriver& driver, const std::vector<std:
 }
 
 // Request: 'H', count (2), then for each tag driver id (2), tag id (2).
+bool CSession::SendRead(const SDriver& driver, const WORD* pIds, size_t nCount) {
+    BYTE request[kRequestBytes];
+    CByteWriter writer(request, sizeof request);
+    writer.WriteU8(kReqRead);
+    writer.WriteU16(static_cast<WORD>(nCount));
+    for (size_t i = 0; i < nCount; ++i) {
+        writer.WriteU16(driver.nId);
+        writer.WriteU16(pIds[i]);
+    }
+    return m_reqSock.SendAll(request, static_cast<int>(writer.Size()), 0);
+}
+
 CSession::EResult CSession::Read(SDriver& driver, const WORD* pIds, size_t nCount,
                                  std::string& strValues, CPatience& patience) {
     CTurn turn(*this, patience);
@@ -539,16 +556,8 @@ CSession::EResult CSession::Read(SDriver& driver, const WORD* pIds, size_t nCoun
     bool bShort = false;
     for (size_t nFrom = 0; nFrom < nCount && !bShort; nFrom += kMaxRead) {
         const size_t nBatch = std::min(nCount - nFrom, kMaxRead);
-        BYTE request[kRequestBytes];
-        CByteWriter writer(request, sizeof request);
-        writer.WriteU8(kReqRead);
-        writer.WriteU16(static_cast<WORD>(nBatch));
-        for (size_t i = nFrom; i < nFrom + nBatch; ++i) {
-            writer.WriteU16(driver.nId);
-            writer.WriteU16(pIds[i]);
-        }
         CReadValues values(driver, pIds + nFrom, nBatch, strValues);
-        if (!m_reqSock.SendAll(request, static_cast<int>(writer.Size()), 0) ||
+        if (!SendRead(driver, pIds + nFrom, nBatch) ||
             !CReplyChunks<CReadValues, true>(m_reqSock, values).ReceiveRead()) {
             return Ended(patience, false);
         }
@@ -593,14 +602,17 @@ CSession::EResult CSession::Watch(SDriver& driver, const std::vector<CWatchedTag
                                   CPatience& patience) {
     CTurn turn(*this, patience);
     if (turn.Result() != EResult::kDone) return turn.Result();
+    if (!pRoute) m_bLossTold = false;
     CHold hold(*this);
     std::vector<size_t> asked;  // indices of the tags to subscribe
+    std::vector<WORD> known;    // ids of those that are, to be read when all is to be told anew
     {
         std::lock_guard<std::mutex> guard(m_pRoutes->m_lock);
         std::vector<bool> seen(driver.nTagCount);
         for (size_t i = 0; i < tags.size(); ++i) {
             const WORD nId = ids[i];
             if (!driver.watched[nId] && !seen[nId]) asked.push_back(i);
+            if (driver.watched[nId] && !seen[nId] && !pRoute) known.push_back(nId);
             seen[nId] = true;
         }
     }
@@ -622,9 +634,24 @@ CSession::EResult CSession::Watch(SDriver& driver, const std::vector<CWatchedTag
             return Ended(patience, false);
         }
     }
+    std::vector<XVariant> present;
+    bool bShort = false;
+    for (size_t nFrom = 0; nFrom < known.size() && !bShort; nFrom += kMaxRead) {
+        const size_t nBatch = std::min(known.size() - nFrom, kMaxRead);
+        CWatchValues batch(present, nBatch);
+        if (!SendRead(driver, known.data() + nFrom, nBatch) ||
+            !CReplyChunks<CWatchValues, true>(m_reqSock, batch).ReceiveRead()) {
+            return Ended(patience, false);
+        }
+        bShort = !batch.Complete();  // the others keep the values that they have
+    }
     const int64_t nNowUs = NowUs();
     std::lock_guard<std::mutex> guard(m_pRoutes->m_lock);
     if (m_bOver) return Ended(patience, false);  // a next session may have looked at the routes
+    for (size_t i = 0; i < present.size(); ++i) {
+        driver.types[known[i]].store(present[i].vt, std::memory_order_relaxed);
+        for (CWatchedTag* p = driver.watched[known[i]]; p; p = p->pAlias) p->value = present[i];
+    }
     for (size_t i = 0; i < asked.size(); ++i) {
         CWatchedTag& tag = *tags[asked[i]];
         const WORD nId = ids[asked[i]];
@@ -643,6 +670,7 @@ CSession::EResult CSession::Watch(SDriver& driver, const std::vector<CWatchedTag
 CSession::EResult CSession::WatchAlarms(const SRoute* pRoute, bool bExisting, CPatience& patience) {
     CTurn turn(*this, patience);
     if (turn.Result() != EResult::kDone) return turn.Result();
+    if (!pRoute) m_bLossTold = false;
     CHold hold(*this);
     std::vector<S2RtAlarm2> alarms;
     if (!FetchAlarms(bExisting, alarms)) return Ended(patience, false);

@@ -114,7 +114,7 @@ class CSession final : public CPlantConnection {
     EResult Write(const SDriver& driver, const std::vector<SWrite>& writes, CPatience& patience);
     // Has tags told from now on, beginning with their present value: to pRoute, which is added to
     // their routes, or when that is null to all their routes, as resynced. A tag that is not
-    // subscribed in this session is now.
+    // subscribed in this session is now; one that is already is read anew when pRoute is null.
     EResult Watch(SDriver& driver, const std::vector<CWatchedTag*>& tags,
                   const std::vector<WORD>& ids, const SRoute* pRoute, CPatience& patience);
     // The same for alarms, beginning with those that are active when bExisting.
@@ -150,6 +150,7 @@ class CSession final : public CPlantConnection {
     bool TakeTurn(int64_t nWaitNs);
     void GiveTurn();
     EResult Ended(CPatience& patience, bool bDone);
+    bool SendRead(const SDriver& driver, const WORD* pIds, size_t nCount);
     bool StartReceiving();
     void CloseSockets();
     void Receive();
@@ -171,6 +172,7 @@ class CSession final : public CPlantConnection {
     std::atomic<bool> m_bOver{false};
     std::vector<CString> m_alarmTexts;  // guarded by the routes' lock
     std::vector<CString> m_alarmTags;
-    bool m_bOpen = false;  // guarded by m_endLock: the sockets may be shut down
-    bool m_bHold = false;  // guarded by the routes' lock: frames wait
+    std::atomic<bool> m_bLossTold{false};  // that notifications were lost, and not renewed since
+    bool m_bOpen = false;                  // guarded by m_endLock: the sockets may be shut down
+    bool m_bHold = false;                  // guarded by the routes' lock: frames wait
 };

@@ -320,7 +320,13 @@ const char* PutFor(VARTYPE vt, PyObject* obj, std::string& strBytes) {
             return PutText(obj, strBytes);
         case VT_DATE:
             if (!PyDateTime_Check(obj)) return "the tag holds a datetime";
-            if (DateOf(obj, f)) PutReal(strBytes, f);
+            if (DateOf(obj, f)) {
+                PutReal(strBytes, f);
+            } else if (PyErr_ExceptionMatches(PyExc_OverflowError) ||
+                       PyErr_ExceptionMatches(PyExc_ValueError)) {
+                PyErr_Clear();
+                return "no local time of that moment can be told";
+            }
             return nullptr;
         case VT_EMPTY:
         case VT_NULL:

@@ -137,3 +137,13 @@ def test_an_answer_that_cannot_be_used_ends_the_connection(listed, sim, data):
     assert listed("kind_of(connect(timeout=0.5, reconnect=False).alarms)") in (
         "ConnectionLost", "VzTimeoutError")
     assert listed("plant.alarms().waiting") == 0
+
+
+def test_texts_that_were_not_there_are_loaded_by_the_next_subscription(connected, sim):
+    connected("first = plant.alarms()")
+    sim.push_raw(frame(kind=1))
+    assert connected("first.get(LIMIT).kind") == "???"
+    sim.set_file("RecData/textlist", TEXTS, TIME)
+    connected("second = plant.alarms()")
+    sim.push_raw(frame(kind=1))
+    assert connected("second.get(LIMIT).kind, first.get(LIMIT).kind") == ("too low", "too low")

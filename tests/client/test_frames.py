@@ -63,9 +63,9 @@ def test_a_text_longer_than_a_receive_is_told(watching, sim):
 
 def test_a_frame_longer_than_frames_are_is_given_up(watching, sim):
     sim.push_raw(change("str", b"x" * 3000))
-    watching("until(lambda: plant.stats.unusable_frames == 1)")
+    assert watching("[watch.get(LIMIT).resynced for _ in range(7)]") == [True] * 7
     sim.push_raw(i4("a", 5))
-    assert watching("take(watch, 1)") == [("a", 5)]
+    assert watching("take(watch, 1), plant.stats.unusable_frames") == ([("a", 5)], 1)
 
 
 def test_frames_are_counted(watching, sim):
@@ -84,12 +84,43 @@ def test_frames_are_counted(watching, sim):
     b"\xff\xff\0" + bytes(40), b"\xff\xff\x17" + bytes(40), b"\xff\xff\xfe" + bytes(40),
     b"\xff\xff\x09" + struct.pack("<HHB", 2, 0, 0), b"\xff\xff\x09" + struct.pack("<HHB", 0, 23, 0),
 ])
-def test_bytes_behind_a_frame_that_cannot_be_used_are_lost_and_counted(watching, sim, bad):
+def test_bytes_behind_a_frame_that_cannot_be_used_are_made_good_by_present_values(
+        watching, sim, bad):
+    sim.requests(clear=True)
     sim.push_raw(i4("a", 5) + bad + i4("a", 6))
-    watching("until(lambda: plant.stats.unusable_frames == 1)")
+    told = watching("[(c.tag, c.value, c.resynced) for c in [watch.get(LIMIT) for _ in range(8)]]")
+    assert told[0] == ("a", 5, False)
+    assert sorted(told[1:]) == [
+        ("a", 1, True), ("b", 2, True), ("bool", True, True), ("i2", -2, True), ("i8", 5, True),
+        ("r8", 0.1, True), ("str", "valve", True)]
+    sim.wait_requests(1, codes="n")
     sim.push_raw(i4("a", 7))
-    assert watching("take(watch, 2), watch.waiting, plant.state.name") == (
-        [("a", 5), ("a", 7)], 0, "live")
+    assert watching("take(watch, 1), watch.waiting, plant.state.name, plant.stats.reconnects,"
+                    " plant.stats.unusable_frames") == ([("a", 7)], 0, "live", 0, 1)
+
+
+def test_each_loss_is_made_good(watching, sim):
+    for times in (1, 2, 3):
+        sim.push_raw(wire.change(0, 23, b"1234"))
+        assert watching("[watch.get(LIMIT).resynced for _ in range(7)]") == [True] * 7
+        assert watching("watch.waiting, plant.stats.unusable_frames") == (0, times)
+
+
+def test_a_tag_that_had_no_value_when_it_was_watched_is_told_once_it_has_one(connected, sim):
+    sim.fault("b", "reply", data=wire.subscribe_chunk(b"\0\0" + wire.i4(1)))
+    connected("watch = line.watch('c', 'a', 'c')")
+    assert connected("take(watch, 2)") == [("c", None), ("a", 1)]
+    sim.push_raw(i4("c", 5) + i4("a", 6))
+    assert connected("sorted(take(watch, 2))") == [("a", 1), ("c", 3)]
+    sim.push_raw(i4("c", 7) + i4("a", 8))
+    assert connected("take(watch, 2)") == [("c", 7), ("a", 8)]
+
+
+def test_a_session_that_ends_while_a_loss_is_made_good_is_made_anew(watching, sim):
+    sim.fault("H", "close", times=1)
+    sim.push_raw(wire.change(0, 23, b"1234"))
+    watching("until(lambda: plant.stats.reconnects == 1)")
+    assert watching("[watch.get(LIMIT).resynced for _ in range(7)]") == [True] * 7
 
 
 def test_changes_of_tags_that_are_only_read_are_stepped_over(watching, sim):

@@ -272,6 +272,17 @@ def test_many_unknown_names_are_told_in_few_words(connected, raised):
     assert connected("len(error_of(line.read, *['x%d' % i for i in range(1200)]).names)") == 1200
 
 
+def test_an_unknown_name_is_told_once_however_often_it_was_asked_for(connected):
+    assert connected("error_of(line.read, 'x', 'a', 'x', 'y', 'x').names") == ("x", "y")
+
+
+def test_a_driver_cannot_be_gone_through_and_a_plant_gives_its_drivers(connected, raised):
+    assert connected("'line1' in plant, 'nothing' in plant") == (True, False)
+    assert connected("list(plant) == list(plant.drivers)") is True
+    assert raised("'a' in line")[0] == "TypeError"
+    assert raised("list(line)")[0] == "TypeError"
+
+
 def test_one_unknown_tag_is_a_key_error(connected):
     assert connected("isinstance(error_of(lambda: line['x']), KeyError),"
                      " error_of(lambda: line['x']).names") == (True, ("x",))

@@ -187,6 +187,39 @@ def test_a_state_tells_since_when_and_why(client, connect, sim):
     assert connected("plant.state.reason") != ""
 
 
+def test_states_are_told_however_many_changes_displace_each_other(connect_noting, sim, live):
+    client = connect_noting("overflow='oldest', queue=10")
+    client("until(lambda: states == ['live'])\n"
+           "gate = threading.Event()\n"
+           "subscription = line.on_change(lambda change: gate.wait(LIMIT), 'a')\n"
+           "until(lambda: len(plant._queue) == 0)")
+    sim.drop_clients()
+    live()
+    for value in range(30):
+        sim.set_value("line1", "a", 100 + value)
+    client("until(lambda: plant.stats.dropped >= 20)\ngate.set()\n"
+           "until(lambda: states[-1] == 'live')")
+    assert client("states") == ["live", "lost", "connecting", "live"]
+
+
+def test_a_lost_connection_is_lost_since_it_was_live(connect, sim, live):
+    connected = connect()
+    sim.set_listening(False)
+    sim.drop_clients()
+    connected("until(lambda: plant.state.name == 'lost')\nsince = plant.state.since\nseen = set()\n"
+              "def attempts():\n"
+              "    state = plant.state\n"
+              "    if state.name == 'lost': assert state.since == since\n"
+              "    else: seen.add(state.reason)\n"
+              "    return len(seen)\n"
+              "until(lambda: attempts() == 3)")
+    sim.set_listening(True)
+    live()
+    sim.drop_clients()
+    live(2)
+    assert connected("plant.state.since > since")
+
+
 def test_an_overdue_answer_makes_the_connection_stale_and_live_again(connect_noting, sim):
     client = connect_noting()
     sim.fault("H", "delay", seconds=1.5)

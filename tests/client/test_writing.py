@@ -91,6 +91,14 @@ def test_a_datetime_goes_out_as_days_of_local_time(connected, written, value, da
     assert written() == [b"g\1\0" + struct.pack("<HH", 0, LINE1["date"]) + wire.r8(days)]
 
 
+@pytest.mark.parametrize("variables", [{"TZ": "EST5"}])
+def test_a_datetime_without_a_local_time_is_rejected(raised, connected, sim):
+    kind, text = raised(
+        "line['date'] = datetime.datetime.min.replace(tzinfo=datetime.timezone.utc)")
+    assert kind == "ValueRejected" and "no local time" in text
+    assert sim.requests(codes="g") == []
+
+
 @pytest.mark.parametrize("variables", [{"TZ": "CET-1CEST,M3.5.0,M10.5.0/3"}])
 @pytest.mark.parametrize("value", [
     "datetime.datetime(2024, 2, 29, 23, 59, 59, 999000)", "datetime.datetime(1900, 2, 28)",

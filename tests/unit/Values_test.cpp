@@ -396,11 +396,11 @@ TEST_F(Values, OtherObjectsAreNoDates) {
         EXPECT_EQ(Sent(VT_DATE, sz), "! the tag holds a datetime") << sz;
 }
 
-TEST_F(Values, DatetimeWithoutLocalTimeIsItsError) {
+TEST_F(Values, DatetimeWithoutLocalTimeIsRejected) {
     EXPECT_EQ(Sent(VT_DATE,
                    "datetime.datetime(1, 1, 1, tzinfo="
                    "datetime.timezone(datetime.timedelta(hours=23)))"),
-              "! OverflowError");
+              "! no local time of that moment can be told");
 }
 
 // ---- From scripts: tags of other types ----------------------------------------------------------
