@@ -113,26 +113,40 @@ int64_t DaysFromCivil(int nYear, int nMonth, int nDay) {
            719468;
 }
 
-// The days of a datetime as local wall-clock time. False with an error set.
+// The days of a datetime as local wall-clock time. Without the interpreter's own conversion, which
+// on a 32-bit host ends in 2038. False when there is no local time of that moment, or with an error
+// set.
 bool DateOf(PyObject* obj, double& fDays) {
-    PyObject* naive = PyObject_GetAttrString(obj, "tzinfo");
-    if (!naive) return false;
-    PyObject* local = nullptr;
-    if (naive == Py_None) {
-        Py_INCREF(obj);
-        local = obj;
-    } else {
-        local = PyObject_CallMethod(obj, "astimezone", nullptr);
+    int64_t nSeconds = DaysFromCivil(PyDateTime_GET_YEAR(obj), PyDateTime_GET_MONTH(obj),
+                                     PyDateTime_GET_DAY(obj)) *
+                           kSecondsPerDay +
+                       PyDateTime_DATE_GET_HOUR(obj) * 3600 + PyDateTime_DATE_GET_MINUTE(obj) * 60 +
+                       PyDateTime_DATE_GET_SECOND(obj);
+    int64_t nUs = PyDateTime_DATE_GET_MICROSECOND(obj);
+    PyObject* offset = PyObject_CallMethod(obj, "utcoffset", nullptr);
+    if (!offset) return false;
+    const bool bAware = PyDelta_Check(offset);  // else it is local time already
+    if (bAware) {
+        nUs -= PyDateTime_DELTA_GET_MICROSECONDS(offset);
+        nSeconds -= int64_t{PyDateTime_DELTA_GET_DAYS(offset)} * kSecondsPerDay +
+                    PyDateTime_DELTA_GET_SECONDS(offset);
+        if (nUs < 0) {
+            nUs += kUsPerSecond;
+            --nSeconds;
+        }
     }
-    Py_DECREF(naive);
-    if (!local) return false;
-    const int64_t nDays = DaysFromCivil(PyDateTime_GET_YEAR(local), PyDateTime_GET_MONTH(local),
-                                        PyDateTime_GET_DAY(local));
-    const int nSeconds = PyDateTime_DATE_GET_HOUR(local) * 3600 +
-                         PyDateTime_DATE_GET_MINUTE(local) * 60 + PyDateTime_DATE_GET_SECOND(local);
-    const double fSeconds = nSeconds + PyDateTime_DATE_GET_MICROSECOND(local) / 1e6;
-    fDays = static_cast<double>(nDays + kDateEpochDays) + fSeconds / kSecondsPerDay;
-    Py_DECREF(local);
+    Py_DECREF(offset);
+    if (bAware) {
+        const time_t nUtc = static_cast<time_t>(nSeconds);
+        tm local;
+        if (nUtc != nSeconds || !localtime_r(&nUtc, &local)) return false;
+        if (local.tm_year < 1 - 1900 || local.tm_year > kLastYear - 1900) return false;
+        nSeconds += local.tm_gmtoff;
+    }
+    const int64_t nOfDay = (nSeconds % kSecondsPerDay + kSecondsPerDay) % kSecondsPerDay;
+    const double fSeconds = static_cast<double>(nOfDay) + static_cast<double>(nUs) / 1e6;
+    fDays = static_cast<double>((nSeconds - nOfDay) / kSecondsPerDay + kDateEpochDays) +
+            fSeconds / kSecondsPerDay;
     return true;
 }
 
@@ -320,13 +334,10 @@ const char* PutFor(VARTYPE vt, PyObject* obj, std::string& strBytes) {
             return PutText(obj, strBytes);
         case VT_DATE:
             if (!PyDateTime_Check(obj)) return "the tag holds a datetime";
-            if (DateOf(obj, f)) {
-                PutReal(strBytes, f);
-            } else if (PyErr_ExceptionMatches(PyExc_OverflowError) ||
-                       PyErr_ExceptionMatches(PyExc_ValueError)) {
-                PyErr_Clear();
-                return "no local time of that moment can be told";
+            if (!DateOf(obj, f)) {
+                return PyErr_Occurred() ? nullptr : "no local time of that moment can be told";
             }
+            PutReal(strBytes, f);
             return nullptr;
         case VT_EMPTY:
         case VT_NULL:

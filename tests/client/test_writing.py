@@ -83,6 +83,7 @@ def test_a_value_goes_out_as_one_of_four_types(connected, written, name, value, 
     ("datetime.datetime(2023, 3, 15, 12)", 45000.5),
     ("datetime.datetime(2023, 3, 15, 11, tzinfo=datetime.timezone.utc)", 45000.5),
     ("datetime.datetime(2023, 6, 23, 6, tzinfo=datetime.timezone.utc)", 45100 + 8 / 24),
+    ("datetime.datetime(2100, 1, 1, tzinfo=datetime.timezone.utc)", 73051 + 1 / 24),
     ("datetime.datetime(1899, 12, 30)", 0.0), ("datetime.datetime(1899, 12, 29)", -1.0),
     ("datetime.datetime(1, 1, 1)", -693593.0),
     ("datetime.datetime(2023, 3, 15, 0, 0, 0, 1000)", 45000 + 1 / 86400e3)])
