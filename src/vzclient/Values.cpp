@@ -117,11 +117,11 @@ int64_t DaysFromCivil(int nYear, int nMonth, int nDay) {
 // on a 32-bit host ends in 2038. False when there is no local time of that moment, or with an error
 // set.
 bool DateOf(PyObject* obj, double& fDays) {
-    int64_t nSeconds = DaysFromCivil(PyDateTime_GET_YEAR(obj), PyDateTime_GET_MONTH(obj),
-                                     PyDateTime_GET_DAY(obj)) *
-                           kSecondsPerDay +
-                       PyDateTime_DATE_GET_HOUR(obj) * 3600 + PyDateTime_DATE_GET_MINUTE(obj) * 60 +
+    const int nClock = PyDateTime_DATE_GET_HOUR(obj) * 3600 + PyDateTime_DATE_GET_MINUTE(obj) * 60 +
                        PyDateTime_DATE_GET_SECOND(obj);
+    int64_t nSeconds = nClock + DaysFromCivil(PyDateTime_GET_YEAR(obj), PyDateTime_GET_MONTH(obj),
+                                              PyDateTime_GET_DAY(obj)) *
+                                    kSecondsPerDay;
     int64_t nUs = PyDateTime_DATE_GET_MICROSECOND(obj);
     PyObject* offset = PyObject_CallMethod(obj, "utcoffset", nullptr);
     if (!offset) return false;
@@ -144,9 +144,9 @@ bool DateOf(PyObject* obj, double& fDays) {
         nSeconds += local.tm_gmtoff;
     }
     const int64_t nOfDay = (nSeconds % kSecondsPerDay + kSecondsPerDay) % kSecondsPerDay;
+    const int64_t nDays = (nSeconds - nOfDay) / kSecondsPerDay + kDateEpochDays;
     const double fSeconds = static_cast<double>(nOfDay) + static_cast<double>(nUs) / 1e6;
-    fDays = static_cast<double>((nSeconds - nOfDay) / kSecondsPerDay + kDateEpochDays) +
-            fSeconds / kSecondsPerDay;
+    fDays = static_cast<double>(nDays) + fSeconds / kSecondsPerDay;
     return true;
 }
 
