@@ -4,6 +4,7 @@ import collections
 import threading
 import time
 import weakref
+from abc import ABC, abstractmethod
 from typing import TYPE_CHECKING, Any, Callable, Deque, Generic, Iterator, Optional, TypeVar
 
 import _vzclient
@@ -24,7 +25,7 @@ def _lock_timeout(timeout: Optional[float]) -> float:
     return -1 if timeout is None else min(max(timeout, 0.0), threading.TIMEOUT_MAX)
 
 
-class _Events(Generic[Item]):
+class _Events(ABC, Generic[Item]):
     """A queue of events to iterate over; a context manager that closes it.
 
     One watch may be read by several threads; each event goes to one of them. A watch that nobody
@@ -44,8 +45,9 @@ class _Events(Generic[Item]):
         self._closed = False
         plant._watches[id(self)] = weakref.ref(self)
 
+    @abstractmethod
     def _item(self, event: Any) -> Item:
-        raise NotImplementedError
+        """What the reader gets for an event of the queue."""
 
     def __iter__(self) -> Iterator[Item]:
         """Events as they come, until the watch or its plant is closed.

@@ -18,7 +18,15 @@ class ClientConnect : public CClientFixture {};
 class ClientSession : public CClientFixture {
   protected:
     void SetUp() override { LogIn(); }
+    // Tag 0 is watched for the feed, and changes from 42 to 7.
+    void WatchAndChange(const SRoute& route) {
+        OnRequest(WatchRequest(0, 1), WatchChunk(k42));
+        EXPECT_EQ(Watch({0}, &route), EResult::kDone);
+        server.Send(1, Change(0, U32(7)));
+        EXPECT_EQ(Told(*pFeed, 2), (Texts{"T0=42", "T0=7"}));
+    }
 };
+
 // Driver 0 has 1100 tags: a request cannot take them all.
 class ClientLimits : public CClientFixture {
   protected:
@@ -600,10 +608,7 @@ TEST_F(ClientSession, ServerThatSendsFarTooMuchBeforeItsReplyWaits) {
 
 TEST_F(ClientSession, TagThatIsWatchedAlreadyIsNotAskedForAgain) {
     const SRoute route{pFeed, 1};
-    OnRequest(WatchRequest(0, 1), WatchChunk(k42));
-    EXPECT_EQ(Watch({0}, &route), EResult::kDone);
-    server.Send(1, Change(0, U32(7)));
-    EXPECT_EQ(Told(*pFeed, 2), (Texts{"T0=42", "T0=7"}));
+    WatchAndChange(route);
     const SRoute other{std::make_shared<CFeed>(10, CFeed::EOverflow::kLatest), 2};
     OnRequest(WatchRequest(1, 1), WatchChunk(Hex("0B 00 01")));
     EXPECT_EQ(Watch({0, 1}, &other), EResult::kDone);
@@ -611,6 +616,20 @@ TEST_F(ClientSession, TagThatIsWatchedAlreadyIsNotAskedForAgain) {
     server.Send(1, Change(0, U32(8)) + Change(1, Hex("00")));
     EXPECT_EQ(Told(*other.pFeed, 2), (Texts{"T0=8", "T1=0"}));
     EXPECT_EQ(Told(*pFeed, 1), Texts{"T0=8"});
+    ExpectLive();
+}
+
+TEST_F(ClientSession, TagThatIsWatchedAlreadyIsReadWhenAllIsToldAnew) {
+    const SRoute route{pFeed, 1};
+    WatchAndChange(route);
+    OnRequest(ReadRequest(0, 1), ReadChunk(false, Hex("05 00 00 00 00 00 00 00 04 40")));
+    EXPECT_EQ(Watch({0}, nullptr), EResult::kDone);
+    EXPECT_EQ(Told(*pFeed, 1), Texts{"again T0=2.5"});
+    server.Send(1, Change(0, Hex("00 00 00 00 00 00 E0 3F")));  // by the type that was read
+    EXPECT_EQ(Told(*pFeed, 1), Texts{"T0=0.5"});
+    OnRequest(ReadRequest(0, 1), ReadChunk(false, ""));
+    EXPECT_EQ(Watch({0}, nullptr), EResult::kDone);  // nothing came: it keeps what it has
+    EXPECT_EQ(Told(*pFeed, 1), Texts{"again T0=0.5"});
     ExpectLive();
 }
 
@@ -629,10 +648,7 @@ TEST_F(ClientSession, NamesOfOneTagAreSubscribedOnceAndEachIsTold) {
 
 TEST_F(ClientSession, SecondNameOfATagBeginsWithTheLastValueOfTheFirst) {
     const SRoute route{pFeed, 1};
-    OnRequest(WatchRequest(0, 1), WatchChunk(k42));
-    EXPECT_EQ(Watch({0}, &route), EResult::kDone);
-    server.Send(1, Change(0, U32(7)));
-    EXPECT_EQ(Told(*pFeed, 2), (Texts{"T0=42", "T0=7"}));
+    WatchAndChange(route);
     const SRoute other{std::make_shared<CFeed>(10, CFeed::EOverflow::kLatest), 2};
     EXPECT_EQ(WatchTags({Tag(10)}, {0}, &other), EResult::kDone);
     EXPECT_EQ(WatchTags({Tag(10), Tag(0)}, {0, 0}, &other), EResult::kDone);

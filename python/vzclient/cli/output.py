@@ -13,8 +13,9 @@ import datetime
 import json
 import math
 import unicodedata
+from abc import ABC, abstractmethod
 from types import TracebackType
-from typing import Any, List, Optional, Sequence, TextIO, Type
+from typing import Any, Callable, Dict, List, Optional, Sequence, TextIO, Type
 
 FORMATS = ("table", "json", "csv")
 _GAP = "  "
@@ -115,7 +116,7 @@ def put(stream: TextIO, text: str) -> None:
     stream.write(text.encode(encoding, "backslashreplace").decode(encoding))
 
 
-class Writer:
+class Writer(ABC):
     """Writes rows to a stream. One thread at a time. A context that closes the writer.
 
     columns: the names of the columns, for header and keys. stream: borrowed, and not closed.
@@ -154,8 +155,9 @@ class Writer:
     def _begin(self) -> None:
         pass
 
+    @abstractmethod
     def _row(self, row: Sequence[object]) -> None:
-        raise NotImplementedError
+        """Write a row, or hold it back."""
 
     def _end(self) -> None:
         pass
@@ -226,7 +228,9 @@ class _Lines:
 
 def open_writer(form: str, columns: Sequence[str], stream: TextIO, live: bool = False) -> Writer:
     """The writer of a form, one of FORMATS; ValueError for another. Arguments as for Writer."""
-    writers = {"table": _TableWriter, "json": _JsonWriter, "csv": _CsvWriter}
+    writers = {
+        "table": _TableWriter, "json": _JsonWriter, "csv": _CsvWriter
+    }  # type: Dict[str, Callable[[Sequence[str], TextIO, bool], Writer]]
     if form not in writers:
         raise ValueError("%r is none of %s" % (form, ", ".join(FORMATS)))
     return writers[form](columns, stream, live)

@@ -17,6 +17,7 @@ import os
 import pathlib
 import sqlite3
 import threading
+from abc import ABC, abstractmethod
 from typing import Any, Dict, Iterator, List, NamedTuple, Optional, Sequence, Tuple, Type, Union
 
 from ..types import Value
@@ -57,36 +58,36 @@ def type_of(value: Value) -> str:
 
 # ---- Kinds of files ------------------------------------------------------------------------------
 
-class _File:
+class _File(ABC):
     """A file that is written. ``begun``: the time of its first row; ``size`` in bytes."""
 
     size = 0
     begun = None  # type: Optional[datetime.datetime]
     torn = False  # what is there ends within a row
 
+    @abstractmethod
     def __init__(self, path: str) -> None:
         """Create or continue it. CommandError for one that holds something else."""
-        raise NotImplementedError
 
+    @abstractmethod
     def prepare(self, row: Row) -> Any:
         """A row as ``put`` takes it."""
-        raise NotImplementedError
 
+    @abstractmethod
     def growth(self, prepared: Any) -> int:
         """How many bytes a prepared row adds; 0 when that shows only afterwards."""
-        raise NotImplementedError
 
+    @abstractmethod
     def put(self, prepared: Any) -> None:
         """Add a prepared row."""
-        raise NotImplementedError
 
+    @abstractmethod
     def flush(self) -> None:
         """Give all rows to the system."""
-        raise NotImplementedError
 
+    @abstractmethod
     def close(self) -> None:
         """Flush and close."""
-        raise NotImplementedError
 
 
 class _CsvFile(_File):

@@ -1,5 +1,6 @@
 """What both channels have in common: bytes to use up, and the answer that is waited for."""
 
+from abc import ABC, abstractmethod
 from typing import TYPE_CHECKING, Callable, Generator, Iterator, List, Optional
 
 from . import words
@@ -82,7 +83,7 @@ class Half:
         raise Misfit("more than %d bytes, given up" % self.limit)
 
 
-class Channel:
+class Channel(ABC):
     """What both channels have in common: two halves, and the answer that is waited for."""
 
     def __init__(self, decoder: "Decoder", name: str, sent_limit: int) -> None:
@@ -116,11 +117,13 @@ class Channel:
     def say(self, when: float, direction: str, text: str) -> None:
         self.lines.append("%s %s %s %s" % (words.clock(when), self.name, direction, text))
 
+    @abstractmethod
     def request(self) -> Steps:
-        raise NotImplementedError
+        """Takes a request and says what it asks for."""
 
+    @abstractmethod
     def unasked(self) -> Steps:
-        raise NotImplementedError
+        """Takes what is received without having been asked for."""
 
     def _steps(self, half: Half, direction: str, message: Callable[[], Steps]) -> Steps:
         """Takes one message after the other out of a half, for ever."""
